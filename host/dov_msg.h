@@ -1,0 +1,43 @@
+// The daemon's messaging layer, as far as the reservation manager uses it.
+
+#pragma once
+
+#include <cstdint>
+
+#include "messages/vesk_dov_msg.h"
+
+// A client's endpoint. The manager hands it back with the reply and never looks inside.
+struct dov_ep;
+
+// Packs a message into text. Only messages of type VESK_MSG_TYPE_RESERVATION_INFO are supported; their record may be
+// null. Returns 0 and a buffer of `*length` bytes, at least 16, none of them NUL, which the caller releases with
+// free(). Returns nonzero, with `*buffer` null, when the type is another, the record is not well-formed (its key lacks
+// the terminating NUL, or its GUIDs are counted but not there), or memory runs out. The two unnamed arguments are
+// unused.
+//
+// A record packs to one "name value" line per field:
+//
+//     vesk_reservation_info 1
+//     reservation_key appA
+//     pkey 0x7fff
+//     state 1
+//     num_guids 2
+//     guid 0x0200000000a1b2c0
+//     guid 0x0200000000a1b2c4
+//     limits none none none 64 none none none
+//     auto_created 0
+//     checksum 0x5f0e3c8b1a2d4e6f
+//
+// The first line names the format and its version. In the key, control characters read \xNN and a backslash \\. The
+// last line holds HashBytes() of everything before it. A message without a record packs to the first and the last line
+// alone.
+int dov_msg_pack(uint64_t, int type, uint64_t, const vesk_dov_msg* msg, char** buffer, uint64_t* length);
+
+// Unpacks what dov_msg_pack made. `buffer` ends with a NUL, at which the decoder stops. Returns 0 and a new message,
+// which the caller releases with dov_vesk_msg_release(). Returns nonzero, with `*msg` null, when the type is another,
+// memory runs out, or the text differs in anything from what packing gives: damaged, cut, too long, or of another
+// version.
+int dov_msg_unpack(uint64_t, int type, const char* buffer, vesk_dov_msg** msg);
+
+// Releases a message that dov_msg_unpack made, with its record. Null is allowed.
+void dov_vesk_msg_release(int type, vesk_dov_msg* msg);

@@ -1,0 +1,14 @@
+// The daemon's key of an HCA port.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct HcaPortKey {
+    uint64_t guid;    // of the HCA
+    uint8_t port_num;
+
+    // As records show it: "0x0200000000a1b2c0/1".
+    std::string ToString() const;
+};

@@ -27,9 +27,10 @@ bool MustBeEscaped(char c) { return static_cast<unsigned char>(c) < 0x20 || c ==
 
 // The fixed-width form of pkeys, GUIDs and checksums.
 void AppendHex(std::string& text, uint64_t value, size_t digits) {
-    text.append("0x");
-    text.append(digits, '0');
-    for (auto place = text.rbegin(); value != 0; value >>= 4) *place++ = kHexDigits[value & 0xf];
+    char hex[sizeof("0x0123456789abcdef")] = "0x";
+    const size_t length = 2 + digits;
+    for (size_t place = length; place > 2; value >>= 4) hex[--place] = kHexDigits[value & 0xf];
+    text.append(hex, length);
 }
 
 void AppendKey(std::string& text, std::string_view key) {
@@ -81,8 +82,9 @@ bool IsWellFormed(const vesk_reservation_info& info) {
 
 std::string Pack(const vesk_reservation_info* info) {
     constexpr size_t kRoomForFields = 4 * VESK_KEY_SIZE + 512;
+    const size_t num_guids = info != nullptr ? info->num_guids : 0;
     std::string text;
-    text.reserve(kRoomForFields + (info != nullptr ? info->num_guids * kGuidLineLength : 0));
+    text.reserve(kRoomForFields + num_guids * kGuidLineLength);
     text.append(kHeader);
     if (info != nullptr) AppendRecord(text, *info);
     AppendHexLine(text, "checksum", HashBytes(text), 16);

@@ -19,14 +19,15 @@ struct dov_ep;
 //
 //     vesk_reservation_info 1
 //     reservation_key appA
-//     pkey 0x7fff
+//     pkey 0x8001
 //     state 1
-//     num_guids 2
+//     num_guids 3
 //     guid 0x0200000000a1b2c0
 //     guid 0x0200000000a1b2c4
+//     guid 0x0200000000a1b2c8
 //     limits none none none 64 none none none
 //     auto_created 0
-//     checksum 0x5f0e3c8b1a2d4e6f
+//     checksum 0xa0d5ce1a797bac7a
 //
 // The first line names the format and its version. In the key, control characters read \xNN and a backslash \\. The
 // last line holds HashBytes() of everything before it. A message without a record packs to the first and the last line

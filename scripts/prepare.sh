@@ -1,0 +1,26 @@
+# Sourced by the other scripts: goes to the project's root, and defines how to install what is missing and how to build.
+
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+PACKAGES=(g++ clang cmake ninja-build libgtest-dev libcli11-dev nlohmann-json3-dev)
+
+# Installs the Debian packages among the arguments that are not there yet. Asks the registry only when one is missing.
+install_packages() {
+    local missing=()
+    for package in "$@"; do
+        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return
+    local as_root=()
+    [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+    echo "Installing: ${missing[*]}" >&2
+    "${as_root[@]}" apt-get update -qq
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+}
+
+# Configures and builds a preset of CMakePresets.json.
+build() {
+    cmake --preset "$1" >&2
+    cmake --build --preset "$1" >&2
+}

@@ -425,8 +425,8 @@ void ReservationManager::CreateReservationId(ReservationInfo& info) {
 
 void ReservationManager::SetReservationId(ReservationInfo& info, uint64_t id) {
     RESERVE_LOG(4, "SetReservationId key=%s, id=%lu", info.info.reservation_key, id);
-    reservation_keys_by_id.emplace(id, info.info.reservation_key);
     info.reservation_id = id;
+    reservation_keys_by_id.emplace(id, info.info.reservation_key);
 }
 
 // ---- Create ----

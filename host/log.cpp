@@ -16,7 +16,7 @@ void WriteToStandardError(const char* module, int level, const char* function, s
     std::fprintf(stderr, "%s %d %s: %.*s\n", module, level, function, static_cast<int>(message.size()), message.data());
 }
 
-std::string Format(const char* format, va_list arguments) {
+__attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_list arguments) {
     va_list again;
     va_copy(again, arguments);
     const int length = std::vsnprintf(nullptr, 0, format, again);

@@ -227,8 +227,8 @@ std::optional<std::string_view> TakeBody(std::string_view text) {
     return checked.substr(kHeader.size());
 }
 
-// Null when the text is no message, or memory runs out.
-vesk_dov_msg* Unpack(std::string_view text) try {
+// Null when the text is no message.
+vesk_dov_msg* Unpack(std::string_view text) {
     const std::optional<std::string_view> body = TakeBody(text);
     if (!body) return nullptr;
 
@@ -238,11 +238,9 @@ vesk_dov_msg* Unpack(std::string_view text) try {
         Reader reader(*body);
         if (!TakeRecord(reader, *info)) return nullptr;
     }
-    auto* msg = new vesk_dov_msg{};
+    auto msg = std::make_unique<vesk_dov_msg>();
     msg->data = info.release();
-    return msg;
-} catch (const std::bad_alloc&) {
-    return nullptr;
+    return msg.release();
 }
 
 }    // namespace
@@ -266,7 +264,8 @@ int dov_msg_pack(uint64_t, int type, uint64_t, const vesk_dov_msg* msg, char** b
 }
 
 int dov_msg_unpack(uint64_t, int type, const char* buffer, vesk_dov_msg** msg) {
-    *msg = type == VESK_MSG_TYPE_RESERVATION_INFO ? Unpack(buffer) : nullptr;
+    *msg = nullptr;
+    if (type == VESK_MSG_TYPE_RESERVATION_INFO) *msg = Unpack(buffer);
     return *msg != nullptr ? 0 : -1;
 }
 

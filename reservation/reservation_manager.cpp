@@ -1110,7 +1110,7 @@ int ReservationManager::BuildDataFromReservationFile(const char* path, vesk_dov_
         RESERVE_LOG(3, "parsing reservation file %s\n", path);
         file.read(buffer.get(), static_cast<std::streamsize>(size));
         file.close();
-    } catch (const std::exception& failure) {
+    } catch (const std::ios_base::failure& failure) {
         RESERVE_LOG(1, "Failed to read Reservation file %s - %s\n", path, failure.what());
         return -1;
     }

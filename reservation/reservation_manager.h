@@ -222,8 +222,9 @@ public:
     // Deletes the file if it can be opened for reading.
     void DeleteFile(const std::string& path) const;
 
-    // Reads one file: 0, with a new message in `msg` that the caller releases (its data may be null), or -1, with `msg`
-    // not to be used.
+    // Reads one file: 0, with a new message in `msg` that the caller releases (its data may be null), or -1 when it
+    // cannot be read or is damaged, with `msg` not to be used. A lack of memory is no damage: std::bad_alloc passes
+    // through.
     int BuildDataFromReservationFile(const char* path, vesk_dov_msg*& msg) const;
 
     // Loads the reservations stored in persistent_dir, and deletes the files that are damaged; or deletes all of them

@@ -4,4 +4,4 @@
 source "$(dirname "$0")/prepare.sh"
 install_packages "${PACKAGES[@]}"
 build release
-exec build/release/replay/reservation-replay examples/EXAMPLE "$@"
+exec build/release/replay/reservation-replay examples/nasa-ipsc-1993-week.swf "$@"

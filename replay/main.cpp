@@ -1,0 +1,125 @@
+// The options of reservation-replay.
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <exception>
+#include <set>
+#include <string>
+
+#include "replay/file.h"
+#include "replay/run_replay.h"
+#include "replay/terminal.h"
+
+namespace {
+
+constexpr const char* kSettingsGroup = "Settings";
+
+constexpr const char* kDescription =
+    "Replays a job trace in the Standard Workload Format through the reservation manager.\n"
+    "Each job takes the lowest free HCAs, first come first served; its owner's reservation grows by them when the job\n"
+    "starts and shrinks when it ends. The report goes to standard output.";
+
+constexpr const char* kFooter =
+    "Exit status: 0 when all went as it must, 1 when something is left or went wrong, 2 when the trace or an option\n"
+    "cannot be used.\n\n"
+    "Examples:\n"
+    "  reservation-replay --svg chart.svg examples/nasa-ipsc-1993-week.swf\n"
+    "  reservation-replay --auto-by-pkeys --per group examples/nasa-ipsc-1993-week.swf\n"
+    "  reservation-replay --persistent-dir state --stop-after 800 examples/nasa-ipsc-1993-week.swf\n"
+    "  reservation-replay --persistent-dir state --resume examples/nasa-ipsc-1993-week.swf";
+
+// Accepts whole numbers from `low` to `high`. The option's help tells them.
+template <typename Number>
+CLI::Validator Between(Number low, Number high) {
+    return CLI::Range(low, high).description("");
+}
+
+void AddSettings(CLI::App& app, Settings& settings) {
+    const auto add_number = [&app](const char* name, auto& value, const char* help, const CLI::Validator& range) {
+        app.add_option(name, value, help)->check(range)->type_name("N")->group(kSettingsGroup);
+    };
+    add_number("--hcas", settings.hcas,
+               "HCAs of the fabric, one port each, 1 to 1000000; default: the trace's MaxNodes, else as many as its\n"
+               "MaxProcs or its widest job need",
+               Between(1u, kMaxHcas));
+    add_number("--procs-per-hca", settings.procs_per_hca,
+               "processors of the trace behind one HCA, 1 to 1000000; default: 1", Between(1u, 1'000'000u));
+    app.add_option("--per", settings.per, "whose a reservation is: user (default), group or job")
+        ->check(CLI::IsMember({"user", "group", "job"}).description(""))
+        ->type_name("OWNER")
+        ->group(kSettingsGroup);
+    app.add_flag("--auto-by-pkeys", settings.auto_by_pkeys,
+                 "leave the reservations to the manager: ports only report the pkeys of the jobs on them")
+        ->group(kSettingsGroup);
+    add_number("--planes", settings.planes, "planes of a job's trees, 1 to 255; default: 1", Between(1u, 255u));
+    add_number("--trees", settings.trees, "trees of a job in each plane, 1 to 255; default: 1", Between(1u, 255u));
+    add_number("--num-trees", settings.num_trees,
+               "trees that the jobs of a reservation may use together in each plane, 0 to 4294967295, the last one\n"
+               "and the default: not given",
+               Between(0u, VESK_LIMIT_NOT_GIVEN));
+    add_number("--default-num-trees", settings.default_num_trees,
+               "the same for reservations that give no --num-trees, as the automatic ones",
+               Between(0u, VESK_LIMIT_NOT_GIVEN));
+    add_number("--max-jobs-per-hca", settings.max_jobs_per_hca,
+               "most jobs on one HCA, 0 to 65535; default: 0, no limit", Between(0u, 0xffffu));
+    add_number("--log-level", settings.log_level, "most verbose level of the log records to count, 1 to 5; default: 3",
+               Between(1, 5));
+}
+
+void AddRunOptions(CLI::App& app, RunOptions& options) {
+    app.add_option("TRACE.swf", options.trace_path, "the job trace")->type_name("")->required();
+    app.add_flag("--json", options.json, "report as JSON, for programs");
+    app.add_option("--svg", options.svg_path, "draw HCAs, reservations and trees in use over time into this file")
+        ->type_name("FILE");
+    CLI::Option* dir =
+        app.add_option(
+               "--persistent-dir", options.persistent_dir,
+               "directory of the reservation files, made when it is missing; default: a temporary one in TMPDIR,\n"
+               "removed at the end")
+            ->type_name("DIR")
+            ->check([](const std::string& path) { return path.empty() ? "is empty" : ""; });
+    app.add_option("--stop-after", options.stop_after,
+                   "stop when this many jobs have started or been refused, with jobs running, and leave the directory")
+        ->check(Between(1u, 0xffffffffu))
+        ->type_name("JOBS");
+    app.add_flag("--resume", options.resume,
+                 "go on with the replay that was stopped in --persistent-dir, in this new process, with its settings")
+        ->needs(dir);
+}
+
+// The names of the settings that the user gave, as Settings names them.
+std::set<std::string> GivenSettings(const CLI::App& app) {
+    std::set<std::string> names;
+    for (const CLI::Option* option : app.get_options()) {
+        if (option->get_group() != kSettingsGroup || option->count() == 0) continue;
+        std::string name = option->get_single_name();
+        std::replace(name.begin(), name.end(), '-', '_');
+        names.insert(name);
+    }
+    return names;
+}
+
+}    // namespace
+
+int main(int argc, char** argv) try {
+    RunOptions options;
+    CLI::App app(kDescription, "reservation-replay");
+    app.footer(kFooter);
+    app.set_version_flag("--version", REPLAY_VERSION);
+    AddRunOptions(app, options);
+    AddSettings(app, options.settings);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) return app.exit(error);
+        throw InputError(error.what());
+    }
+    options.given_settings = GivenSettings(app);
+    return RunReplay(options);
+} catch (const InputError& error) {
+    PrintMessage(error.what());
+    return 2;
+} catch (const std::exception& error) {
+    PrintMessage(error.what());
+    return 1;
+}

@@ -1,0 +1,31 @@
+// The report at the end of a replay.
+
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "replay/recorder.h"
+#include "replay/replay.h"
+#include "replay/settings.h"
+
+struct Report {
+    std::string trace_name;
+    const Settings& settings;
+    const ReplayState& state;
+    Recorded start_up;
+    Recorded replay;
+    bool is_finished = false;    // rather than stopped with jobs running
+    std::vector<std::string> failed_checks;    // of a finished one
+};
+
+// "128 HCAs, a reservation per user".
+std::string DescribeSetting(const Settings& settings);
+
+// For people: aligned text that ends in a newline.
+std::string ReportText(const Report& report);
+
+// For programs. Everything but "start_up" and "timing" is the same for the same trace and settings, however often the
+// replay was stopped and resumed on its way.
+nlohmann::json ReportJson(const Report& report);

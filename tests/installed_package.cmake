@@ -10,3 +10,11 @@ run(${CMAKE_COMMAND} -G Ninja -S ${SOURCE_DIR}/examples/embed -B ${WORK_DIR}/emb
   -DCMAKE_CXX_COMPILER=${CXX} "-DCMAKE_CXX_FLAGS=${CXX_FLAGS} -Wall -Wextra -Wpedantic -Werror")
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/embed)
 run(${WORK_DIR}/embed/embed)
+
+# The README shows the same program.
+file(READ ${SOURCE_DIR}/README.md readme)
+file(READ ${SOURCE_DIR}/examples/embed/main.cpp program)
+string(FIND "${readme}" "${program}" position)
+if(position EQUAL -1)
+  message(FATAL_ERROR "README.md does not show examples/embed/main.cpp as it is")
+endif()

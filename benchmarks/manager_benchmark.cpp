@@ -1,0 +1,506 @@
+// The manager's operations, each beside its floor: what no implementation could leave out, measured in the same run.
+//
+// The floor of a change is the system calls that its file cannot do without, with the same bytes, and the same entries
+// put into, or taken out of, a map of the same type and size at known places. The floor of a job operation is a visit
+// of the same entries in order; that of the load, one open, read and close of each file.
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/dov_msg.h"
+#include "host/log.h"
+#include "host/option_info.h"
+#include "reservation/reservation_manager.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Guids = std::vector<uint64_t>;
+using Index = std::map<uint64_t, ReservationHCAInfo>;
+
+constexpr char kKey[] = "measured";
+
+// GUIDs of the fabric's HCAs lie this far apart, so that others fit between them.
+constexpr uint64_t kStride = 1000;
+
+enum class Placement { kContiguous, kScattered };
+
+// A command manager that only looks whether requests succeed.
+class Client : public CommandManager {
+public:
+    void SendReservationInfoList(const dov_ep*, vesk_reservation_info_list& list, uint64_t) const override {
+        if (list.status == VESK_STATUS_SUCCESS) return;
+        std::fprintf(stderr, "a request was refused with status %u\n", list.status);
+        std::abort();
+    }
+    void HandleJobError(VeskJob*, vesk_error_value, vesk_error_type, bool, bool) override {}
+    void SendEndJob(dov_ep*, const VeskJob*) override {}
+    VeskJob* FindJob(uint64_t, uint64_t, const char*) override { return nullptr; }
+    void GetJobsByReservationKey(std::set<VeskJob*>&, const char*) const override {}
+};
+
+std::string Directory() {
+    static const std::string dir = [] {
+        std::string pattern = std::filesystem::temp_directory_path() / "manager_benchmark.XXXXXX";
+        if (mkdtemp(pattern.data()) == nullptr) std::abort();
+        return pattern;
+    }();
+    return dir;
+}
+
+// A manager in a fabric of `num_hcas` reserved HCAs, held by `num_reservations` reservations of one size.
+struct Fabric {
+    Fabric(uint64_t num_hcas, uint64_t num_reservations) {
+        options.reservation_mode = true;
+        options.max_jobs_per_hca = 1000;
+        options.persistent_dir = "/nonexistent";
+        g_option_info = &options;
+        log_set_sink([](const LogRecord&) {});
+        log_set_level(2);
+        const uint64_t size = num_hcas / num_reservations;
+        for (uint64_t i = 0; i < num_reservations; ++i) {
+            Guids guids(size);
+            for (uint64_t j = 0; j < size; ++j) guids[j] = (1 + i * size + j) * kStride;
+            Create("background" + std::to_string(i), guids);
+        }
+        options.persistent_dir = Directory();
+        std::filesystem::create_directories(Directory());
+    }
+
+    void Create(const std::string& key, Guids& guids) {
+        vesk_create_reservation request{};
+        vesk_copy_key(request.reservation_key, key.c_str());
+        request.num_guids = static_cast<uint32_t>(guids.size());
+        request.guids = guids.data();
+        std::fill(std::begin(request.limits), std::end(request.limits), VESK_LIMIT_NOT_GIVEN);
+        manager.CreateReservation(request, nullptr, 0);
+    }
+
+    void Delta(Guids to_add, Guids to_remove) {
+        vesk_update_reservation_by_delta request{};
+        vesk_copy_key(request.reservation_key, kKey);
+        request.num_guids_to_add = static_cast<uint32_t>(to_add.size());
+        request.guids_to_add = to_add.data();
+        request.num_guids_to_remove = static_cast<uint32_t>(to_remove.size());
+        request.guids_to_remove = to_remove.data();
+        manager.UpdateReservationByDelta(request, nullptr, 0);
+    }
+
+    void Delete() {
+        vesk_delete_reservation request{};
+        vesk_copy_key(request.reservation_key, kKey);
+        manager.DeleteReservation(request, nullptr, 0);
+    }
+
+    OptionInfo options;
+    Client client;
+    ReservationManager manager{&client};
+};
+
+// The fabric of the benchmark that runs: only one at a time is kept.
+Fabric& FabricOf(const benchmark::State& state) {
+    static std::unique_ptr<Fabric> fabric;
+    static std::pair<int64_t, int64_t> shape;
+    const std::pair<int64_t, int64_t> wanted{state.range(0), state.range(1)};
+    if (fabric == nullptr || shape != wanted) {
+        fabric.reset();
+        fabric = std::make_unique<Fabric>(wanted.first, wanted.second);
+        shape = wanted;
+    }
+    g_option_info = &fabric->options;
+    return *fabric;
+}
+
+// `count` GUIDs that no reservation holds: behind the fabric's, or spread evenly between them.
+Guids FreeGuids(uint64_t count, uint64_t num_hcas, Placement placement) {
+    Guids guids(count);
+    for (uint64_t i = 0; i < count; ++i) {
+        guids[i] = placement == Placement::kContiguous ? (num_hcas + 2) * kStride + i
+                                                       : (1 + i * num_hcas / count) * kStride + 1 + i % (kStride - 1);
+    }
+    return guids;
+}
+
+template <typename Operation>
+double Seconds(Operation operation) {
+    const auto start = Clock::now();
+    operation();
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// ---- Floors ----
+
+std::string PackedRecord(Guids guids) {
+    vesk_reservation_info info{};
+    vesk_copy_key(info.reservation_key, kKey);
+    info.num_guids = static_cast<uint32_t>(guids.size());
+    info.guids = guids.data();
+    vesk_dov_msg msg{};
+    msg.data = &info;
+    char* buffer = nullptr;
+    uint64_t length = 0;
+    if (dov_msg_pack(0, VESK_MSG_TYPE_RESERVATION_INFO, 0, &msg, &buffer, &length) != 0) std::abort();
+    std::string text(buffer, length);
+    std::free(buffer);
+    return text;
+}
+
+std::string FilePath() { return Directory() + "/reservation." + kKey; }
+
+void WriteFile(const std::string& path, const std::string& text) {
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (file < 0 || write(file, text.data(), text.size()) != static_cast<ssize_t>(text.size())) std::abort();
+    close(file);
+}
+
+void CopyBytes(const Guids& guids) {
+    const std::unique_ptr<uint64_t[]> copy(new uint64_t[guids.size()]);
+    std::copy(guids.begin(), guids.end(), copy.get());
+    benchmark::DoNotOptimize(copy.get());
+}
+
+std::vector<Index::iterator> PlacesFor(Index& index, const Guids& guids) {
+    std::vector<Index::iterator> places;
+    for (const uint64_t guid : guids) places.push_back(index.lower_bound(guid));
+    return places;
+}
+
+double SecondsToInsert(Index& index, const Guids& guids) {
+    const std::vector<Index::iterator> places = PlacesFor(index, guids);
+    return Seconds([&] {
+        for (size_t i = 0; i < guids.size(); ++i) index.emplace_hint(places[i], guids[i], ReservationHCAInfo{nullptr});
+    });
+}
+
+double SecondsToErase(Index& index, const Guids& guids) {
+    const std::vector<Index::iterator> places = PlacesFor(index, guids);
+    return Seconds([&] {
+        for (const Index::iterator place : places) index.erase(place);
+    });
+}
+
+// ---- Changes ----
+
+Placement PlacementOf(const benchmark::State& state) { return static_cast<Placement>(state.range(3)); }
+
+Guids FreeGuids(const benchmark::State& state) {
+    return FreeGuids(static_cast<uint64_t>(state.range(2)), static_cast<uint64_t>(state.range(0)), PlacementOf(state));
+}
+
+void Create(benchmark::State& state) {
+    Fabric& fabric = FabricOf(state);
+    Guids guids = FreeGuids(state);
+    for (auto _ : state) {
+        state.SetIterationTime(Seconds([&] { fabric.Create(kKey, guids); }));
+        fabric.Delete();
+    }
+}
+
+void CreateFloor(benchmark::State& state) {
+    Index& index = FabricOf(state).manager.hca_infos;
+    const Guids guids = FreeGuids(state);
+    const std::string text = PackedRecord(guids);
+    for (auto _ : state) {
+        const double change = Seconds([&] {
+            CopyBytes(guids);
+            WriteFile(FilePath(), text);
+        });
+        state.SetIterationTime(change + SecondsToInsert(index, guids));
+        SecondsToErase(index, guids);
+        unlink(FilePath().c_str());
+    }
+}
+
+void Delete(benchmark::State& state) {
+    Fabric& fabric = FabricOf(state);
+    Guids guids = FreeGuids(state);
+    for (auto _ : state) {
+        fabric.Create(kKey, guids);
+        state.SetIterationTime(Seconds([&] { fabric.Delete(); }));
+    }
+}
+
+void DeleteFloor(benchmark::State& state) {
+    Index& index = FabricOf(state).manager.hca_infos;
+    const Guids guids = FreeGuids(state);
+    const std::string text = PackedRecord(guids);
+    for (auto _ : state) {
+        SecondsToInsert(index, guids);
+        WriteFile(FilePath(), text);
+        state.SetIterationTime(SecondsToErase(index, guids) + Seconds([&] { unlink(FilePath().c_str()); }));
+    }
+}
+
+// One list with every GUID but the last, one with every GUID but the first.
+std::pair<Guids, Guids> Neighbours(const Guids& guids) {
+    return {Guids(guids.begin(), guids.end() - 1), Guids(guids.begin() + 1, guids.end())};
+}
+
+// Changes one GUID in the reservation, there and back, by `change` (which is given the two lists), and beside it the
+// floor of that.
+template <typename Change>
+void MeasureChangeOfOneGuid(benchmark::State& state, Change change) {
+    Fabric& fabric = FabricOf(state);
+    auto [one, other] = Neighbours(FreeGuids(state));
+    fabric.Create(kKey, one);
+    for (auto _ : state) {
+        state.SetIterationTime(Seconds([&] { change(fabric, one, other); }));
+        std::swap(one, other);
+    }
+    fabric.Delete();
+}
+
+void Replace(benchmark::State& state) {
+    MeasureChangeOfOneGuid(state, [](Fabric& fabric, const Guids&, Guids& wanted) { fabric.Create(kKey, wanted); });
+}
+
+void Delta(benchmark::State& state) {
+    MeasureChangeOfOneGuid(state, [](Fabric& fabric, const Guids& held, const Guids& wanted) {
+        const bool forward = held.front() < wanted.front();
+        fabric.Delta({forward ? wanted.back() : wanted.front()}, {forward ? held.front() : held.back()});
+    });
+}
+
+void ChangeFloor(benchmark::State& state) {
+    Index& index = FabricOf(state).manager.hca_infos;
+    const Guids guids = FreeGuids(state);
+    const std::string text = PackedRecord(Neighbours(guids).first);
+    SecondsToInsert(index, guids);
+    WriteFile(FilePath(), text);
+    for (auto _ : state) {
+        const double change = Seconds([&] {
+            CopyBytes(guids);
+            WriteFile(FilePath(), text);
+        });
+        const double erase = SecondsToErase(index, {guids.front()});
+        state.SetIterationTime(change + erase + SecondsToInsert(index, {guids.front()}));
+    }
+    SecondsToErase(index, guids);
+    unlink(FilePath().c_str());
+}
+
+// ---- Info, jobs ----
+
+void Info(benchmark::State& state) {
+    Fabric& fabric = FabricOf(state);
+    vesk_reservation_info_request request{};
+    request.with_details = 1;
+    for (auto _ : state) {
+        state.SetIterationTime(Seconds([&] { fabric.manager.ReservationInfoRequest(request, nullptr, 0); }));
+    }
+}
+
+void InfoFloor(benchmark::State& state) {
+    std::vector<vesk_reservation_info> entries(FabricOf(state).manager.reservations.size());
+    for (auto _ : state) {
+        state.SetIterationTime(Seconds([&] {
+            const std::vector<vesk_reservation_info> copy = entries;
+            benchmark::DoNotOptimize(copy.data());
+        }));
+    }
+}
+
+void Job(benchmark::State& state) {
+    Fabric& fabric = FabricOf(state);
+    Guids guids = FreeGuids(state);
+    fabric.Create(kKey, guids);
+    VeskJob job;
+    VeskTree tree;
+    for (const uint64_t guid : guids) tree.ports.insert(job.AddPort(guid, 1));
+    job.plane_trees = {{tree}};
+    job.ext_job_id.job_id = 1;
+    for (auto _ : state) {
+        state.SetIterationTime(Seconds([&] {
+            ReservationInfo* const reservation = fabric.manager.GetReservationByJob(&job);
+            if (fabric.manager.ValidateReservationResources(reservation, {.requested_trees = 1}, &job) != 0)
+                std::abort();
+            fabric.manager.AddJob(reservation, &job);
+            fabric.manager.RemoveJob(reservation, &job);
+        }));
+    }
+    fabric.Delete();
+}
+
+// Each of the four operations has to visit every entry.
+void JobFloor(benchmark::State& state) {
+    Index& index = FabricOf(state).manager.hca_infos;
+    const Guids guids = FreeGuids(state);
+    SecondsToInsert(index, guids);
+    const std::vector<Index::iterator> places = PlacesFor(index, guids);
+    for (auto _ : state) {
+        state.SetIterationTime(Seconds([&] {
+            for (int operation = 0; operation < 4; ++operation) {
+                for (const Index::iterator place : places) benchmark::DoNotOptimize(++place->second.num_jobs);
+            }
+        }));
+    }
+    SecondsToErase(index, guids);
+}
+
+// ---- Files ----
+
+void Pack(benchmark::State& state) {
+    const Guids guids = FreeGuids(state);
+    for (auto _ : state) benchmark::DoNotOptimize(PackedRecord(guids));
+}
+
+void Unpack(benchmark::State& state) {
+    const std::string text = PackedRecord(FreeGuids(state));
+    for (auto _ : state) {
+        vesk_dov_msg* msg = nullptr;
+        if (dov_msg_unpack(0, VESK_MSG_TYPE_RESERVATION_INFO, text.c_str(), &msg) != 0) std::abort();
+        dov_vesk_msg_release(VESK_MSG_TYPE_RESERVATION_INFO, msg);
+    }
+}
+
+void PackFloor(benchmark::State& state) {
+    const std::string text = PackedRecord(FreeGuids(state));
+    for (auto _ : state) {
+        std::string copy = text;
+        benchmark::DoNotOptimize(copy.data());
+    }
+}
+
+// Lets a child process do it, since the load runs once in a process, and returns the seconds that it took there.
+template <typename Operation>
+double SecondsInChild(Operation operation) {
+    int ends[2];
+    if (pipe(ends) != 0) std::abort();
+    const pid_t child = fork();
+    if (child == 0) {
+        const double seconds = Seconds(operation);
+        _exit(write(ends[1], &seconds, sizeof(seconds)) == sizeof(seconds) ? 0 : 1);
+    }
+    double seconds = 0;
+    if (read(ends[0], &seconds, sizeof(seconds)) != sizeof(seconds)) std::abort();
+    waitpid(child, nullptr, 0);
+    close(ends[0]);
+    close(ends[1]);
+    return seconds;
+}
+
+// Writes the files of a whole fabric, and takes them away again.
+class StoredFabric {
+public:
+    explicit StoredFabric(const benchmark::State& state) : fabric_(FabricOf(state)) {
+        for (const auto& [key, info] : fabric_.manager.reservations) {
+            fabric_.manager.CreateReservationInfoFile(info->info, Directory());
+        }
+    }
+    ~StoredFabric() { std::filesystem::remove_all(Directory()); }
+
+private:
+    Fabric& fabric_;
+};
+
+void Load(benchmark::State& state) {
+    const StoredFabric files(state);
+    for (auto _ : state) {
+        Client client;
+        state.SetIterationTime(
+            SecondsInChild([&] { ReservationManager(&client).ReadPersistentReservationInfoFiles(); }));
+    }
+}
+
+void LoadFloor(benchmark::State& state) {
+    const StoredFabric files(state);
+    for (auto _ : state) {
+        state.SetIterationTime(SecondsInChild([] {
+            std::vector<char> buffer(1 << 20);
+            for (const auto& entry : std::filesystem::directory_iterator(Directory())) {
+                const int file = open(entry.path().c_str(), O_RDONLY);
+                while (read(file, buffer.data(), buffer.size()) > 0) continue;
+                close(file);
+            }
+        }));
+    }
+}
+
+// ---- What is run, and how it is told ----
+
+// Prints as usual, and at the end one row for each operation with its floor and the ratio.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            if (run.error_occurred || run.run_type == Run::RT_Aggregate) continue;
+            times_.emplace_back(run.benchmark_name(), run.real_accumulated_time / static_cast<double>(run.iterations));
+        }
+    }
+
+    void Finalize() override {
+        std::printf("\n| operation / HCAs / reservations / GUIDs / scattered | microseconds | floor | ratio |\n");
+        std::printf("|---|---:|---:|---:|\n");
+        for (size_t i = 0; i + 1 < times_.size(); i += 2) {
+            const double time = times_[i].second * 1e6;
+            const double floor = times_[i + 1].second * 1e6;
+            const std::string name = times_[i].first.substr(0, times_[i].first.find("/manual_time"));
+            std::printf("| %s | %.2f | %.2f | %.2f |\n", name.c_str(), time, floor, time / floor);
+        }
+    }
+
+private:
+    std::vector<std::pair<std::string, double>> times_;
+};
+
+using Function = void (*)(benchmark::State&);
+
+// Registers an operation and, right behind it, its floor, so that both run in the same state of the machine.
+void Register(const std::string& name, Function operation, Function floor, const std::vector<int64_t>& arguments,
+              bool is_manual = true) {
+    for (const auto& [full_name, function] : {std::pair(name, operation), std::pair(name + "-floor", floor)}) {
+        auto* const registered = benchmark::RegisterBenchmark(full_name.c_str(), function)->Args(arguments);
+        registered->MinTime(0.05);
+        if (is_manual) registered->UseManualTime();
+    }
+}
+
+void RegisterAll() {
+    const std::vector<std::pair<int64_t, int64_t>> shapes{
+        {1000, 10}, {100000, 1000}, {1000000, 1000}, {1000000, 100000}};
+    for (const auto& [num_hcas, num_reservations] : shapes) {
+        for (const Placement placement : {Placement::kContiguous, Placement::kScattered}) {
+            const auto arguments = [&, hcas = num_hcas, reservations = num_reservations](int64_t count) {
+                return std::vector<int64_t>{hcas, reservations, count, static_cast<int64_t>(placement)};
+            };
+            for (const int64_t count : {1, 16, 256, 4096}) {
+                Register("create", Create, CreateFloor, arguments(count));
+                Register("delete", Delete, DeleteFloor, arguments(count));
+            }
+            Register("replace", Replace, ChangeFloor, arguments(4096));
+            Register("delta", Delta, ChangeFloor, arguments(4096));
+            for (const int64_t count : {1, 64, 4096}) Register("job", Job, JobFloor, arguments(count));
+        }
+        Register("info", Info, InfoFloor, {num_hcas, num_reservations});
+        Register("load", Load, LoadFloor, {num_hcas, num_reservations});
+    }
+    for (const int64_t count : {16, 4096}) {
+        Register("pack", Pack, PackFloor, {1000, 10, count, 0}, false);
+        Register("unpack", Unpack, PackFloor, {1000, 10, count, 0}, false);
+    }
+}
+
+}    // namespace
+
+int main(int argc, char** argv) {
+    RegisterAll();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    std::filesystem::remove_all(Directory());
+    return 0;
+}

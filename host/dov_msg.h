@@ -34,10 +34,10 @@ struct dov_ep;
 // alone.
 int dov_msg_pack(uint64_t, int type, uint64_t, const vesk_dov_msg* msg, char** buffer, uint64_t* length);
 
-// Unpacks what dov_msg_pack made. `buffer` ends with a NUL, at which the decoder stops. Returns 0 and a new message, which
-// the caller releases with dov_vesk_msg_release(). Returns nonzero, with `*msg` null, when the type is another or the text
-// differs in anything from what packing gives: damaged, cut, too long, or of another version. When memory runs out, which
-// says nothing about the text, std::bad_alloc passes through.
+// Unpacks what dov_msg_pack made. `buffer` ends with a NUL, at which the decoder stops. Returns 0 and a new message,
+// which the caller releases with dov_vesk_msg_release(). Returns nonzero, with `*msg` null, when the type is another or
+// the text differs in anything from what packing gives: damaged, cut, too long, or of another version. When memory runs
+// out, which says nothing about the text, std::bad_alloc passes through.
 int dov_msg_unpack(uint64_t, int type, const char* buffer, vesk_dov_msg** msg);
 
 // Releases a message that dov_msg_unpack made, with its record. Null is allowed.

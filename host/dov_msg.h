@@ -27,7 +27,7 @@ struct dov_ep;
 //     guid 0x0200000000a1b2c8
 //     limits none none none 64 none none none
 //     auto_created 0
-//     checksum 0xa0d5ce1a797bac7a
+//     checksum 0xb596646d4a45a8bc
 //
 // The first line names the format and its version. In the key, control characters read \xNN and a backslash \\. The
 // last line holds HashBytes() of everything before it. A message without a record packs to the first and the last line

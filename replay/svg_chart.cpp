@@ -133,7 +133,7 @@ private:
 
         for (double value = 0; value <= axis.end; value += axis.tick) {
             StraightLine(kLeft, y(value), kLeft + kPlotWidth, y(value), value > 0 ? "#e4e4e4" : "#888");
-            Text(kLeft - 8, y(value) + 4, "text-anchor=\"end\"", Number(value));
+            Text(kLeft - 8, y(value) + 4, "text-anchor=\"end\"", std::to_string(std::llround(value)));
         }
         DrawSteps(series.colour, highest, bottom, y);
         const int middle = top + kPanelHeight / 2;

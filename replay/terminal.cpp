@@ -24,7 +24,7 @@ ProgressLine::~ProgressLine() {
 }
 
 void ProgressLine::Show(size_t jobs, int64_t trace_seconds) {
-    if (!is_terminal_) return;
+    if (!is_terminal_ || total_jobs_ == 0) return;
     const auto now = std::chrono::steady_clock::now();
     if (now < next_) return;
     next_ = now + std::chrono::milliseconds(100);

@@ -8,7 +8,7 @@ packages=("${PACKAGES[@]}")
 if [ "${1:-}" = --sanitize ]; then
     shift
     preset=sanitize
-    packages+=(libclang-rt-14-dev)
+    packages+=(clang libclang-rt-14-dev)
 fi
 install_packages "${packages[@]}"
 build "$preset"

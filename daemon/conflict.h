@@ -1,0 +1,26 @@
+// What a refused request ran into, looked up in the registry.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "reservation/reservation_manager.h"
+#include "reservation/v1/reservation.pb.h"
+
+namespace reservationd {
+
+// A change that was asked for. Both lists are ascending.
+struct WantedChange {
+    std::string key;
+    std::vector<uint64_t> added_guids;
+    std::vector<uint64_t> removed_guids;
+};
+
+// The conflict behind this refusal, as far as it can be named. `status` is the manager's answer to the change, and the
+// options are those in force.
+reservation::v1::Conflict FindConflict(const ReservationManager& manager, reservation::v1::Status status,
+                                       const WantedChange& change);
+
+}    // namespace reservationd

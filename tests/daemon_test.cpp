@@ -1,0 +1,310 @@
+// The daemon's engine without its network: what was answered is there after the process dies, and what was not is not.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "daemon/engine.h"
+#include "daemon/log_sink.h"
+
+namespace reservationd {
+namespace {
+
+namespace fs = std::filesystem;
+namespace v1 = reservation::v1;
+
+using Guids = std::vector<uint64_t>;
+
+class DaemonTest : public testing::Test {
+protected:
+    DaemonTest() {
+        std::string dir = fs::temp_directory_path() / "daemon_test.XXXXXX";
+        if (mkdtemp(dir.data()) == nullptr) throw std::runtime_error("no temporary directory");
+        settings.options.persistent_dir = dir;
+        settings.options.reservation_mode = true;
+        OpenLog(dir + "/log", 3);
+    }
+    ~DaemonTest() override { fs::remove_all(settings.options.persistent_dir); }
+
+    std::string PathOf(const std::string& name) const { return settings.options.persistent_dir + "/" + name; }
+
+    EngineSettings settings;
+};
+
+// An engine whose calls are waited for.
+class Daemon {
+public:
+    explicit Daemon(const EngineSettings& settings) : engine(settings) {}
+
+    // "" when the call was carried out, else why not.
+    std::string Call(bool changes_something, const std::function<void(ReservationBook&)>& run) {
+        std::promise<std::string> reason;
+        engine.Submit({changes_something, run, [&](Refusal refusal, const std::string& text) {
+                           reason.set_value(refusal == Refusal::kNone ? "" : text);
+                       }});
+        return reason.get_future().get();
+    }
+
+    v1::ReservationReply Create(const std::string& key, const Guids& guids, bool dry_run = false) {
+        v1::CreateReservationRequest request;
+        request.set_key(key);
+        request.mutable_guids()->Add(guids.begin(), guids.end());
+        request.set_dry_run(dry_run);
+        v1::ReservationReply reply;
+        failure = Call(!dry_run, [&](ReservationBook& book) { book.CreateReservation(request, &reply); });
+        return reply;
+    }
+
+    v1::ReservationReply Add(const std::string& key, uint64_t guid) {
+        v1::UpdateReservationRequest request;
+        request.set_key(key);
+        request.add_add_guids(guid);
+        v1::ReservationReply reply;
+        failure = Call(true, [&](ReservationBook& book) { book.UpdateReservation(request, &reply); });
+        return reply;
+    }
+
+    v1::BeginJobReply Begin(uint64_t job_id, const Guids& guids) {
+        v1::BeginJobRequest request;
+        request.set_job_id(job_id);
+        request.mutable_guids()->Add(guids.begin(), guids.end());
+        request.set_trees(2);
+        v1::BeginJobReply reply;
+        failure = Call(true, [&](ReservationBook& book) { book.BeginJob(request, &reply); });
+        return reply;
+    }
+
+    std::string ReportPort(uint64_t guid, uint32_t pkey) {
+        v1::ReportPortRequest request;
+        request.set_guid(guid);
+        request.add_pkeys(pkey);
+        v1::ReportPortReply reply;
+        failure = Call(true, [&](ReservationBook& book) { book.ReportPort(request, &reply); });
+        return reply.reservation_key();
+    }
+
+    // A line for each reservation and each job: "A {1,2} 2 trees, jobs 7", "job 7 of A" with " waits" if not counted.
+    std::string State() {
+        v1::ReservationReply reservations;
+        v1::ListJobsReply jobs;
+        v1::GetReservationsRequest request;
+        request.set_with_details(true);
+        Call(false, [&](ReservationBook& book) {
+            reservations.Clear();
+            book.GetReservations(request, &reservations);
+            book.ListJobs({}, &jobs);
+        });
+        std::ostringstream text;
+        for (const v1::Reservation& reservation : reservations.reservations()) {
+            text << reservation.key() << " {";
+            for (const uint64_t guid : reservation.guids()) text << guid << ",";
+            text << "} " << reservation.used_trees() << " trees, jobs";
+            for (const uint64_t job_id : reservation.job_ids()) text << " " << job_id;
+            text << "\n";
+        }
+        for (const v1::Job& job : jobs.jobs()) {
+            text << "job " << job.job_id() << " of " << job.reservation_key() << (job.accounted() ? "\n" : " waits\n");
+        }
+        return text.str();
+    }
+
+    // "1 CREATED A; 2 JOB_END A 7; "
+    std::string Events() {
+        std::ostringstream text;
+        v1::Event event;
+        for (uint64_t next = engine.events().oldest(); next <= engine.events().newest(); ++next) {
+            EXPECT_EQ(engine.events().Read(next, &event, nullptr), EventLog::Outcome::kEvent);
+            text << event.sequence() << v1::Event::Kind_Name(event.kind()).substr(std::string("KIND").size()) << " "
+                 << event.reservation_key() << (event.job_id() != 0 ? " " + std::to_string(event.job_id()) : "")
+                 << "; ";
+        }
+        return text.str();
+    }
+
+    Engine engine;
+    std::string failure;    // of the last call
+};
+
+// Runs `life` in a process of its own that then dies on the spot.
+void DieAfter(const std::function<void()>& life) {
+    const pid_t child = fork();
+    if (child == 0) {
+        life();
+        std::raise(SIGKILL);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+}
+
+std::string Content(const std::string& path) {
+    std::ifstream file(path);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+TEST_F(DaemonTest, WhatWasAnsweredSurvivesTheProcessAndDamagedFiles) {
+    settings.kept_events = 3;
+    DieAfter([&] {
+        Daemon daemon(settings);
+        daemon.Create("A", {3, 1, 2});
+        daemon.Create("B", {8, 9});
+        daemon.Add("A", 4);
+        daemon.Begin(7, {1, 4});
+        EXPECT_THROW(Engine second(settings), std::runtime_error);
+    });
+    const std::string record_of_a = Content(PathOf("reservation.A"));
+    for (const char* name : {"reservation.A", "reservation.damaged"}) {
+        std::ofstream(PathOf(name)) << record_of_a.substr(0, 40);
+    }
+    fs::remove(PathOf("reservation.B"));
+
+    Daemon daemon(settings);
+    EXPECT_EQ(daemon.State(),
+              "A {1,2,3,4,} 2 trees, jobs 7\n"
+              "B {8,9,} 0 trees, jobs\n"
+              "job 7 of A\n");
+    EXPECT_EQ(Content(PathOf("reservation.A")), record_of_a);
+    EXPECT_TRUE(fs::exists(PathOf("reservation.B")));
+    EXPECT_FALSE(fs::exists(PathOf("reservation.damaged")));
+
+    // The job that runs is admitted again without being counted again.
+    EXPECT_EQ(daemon.Begin(7, {4, 1}).reservation_key(), "A");
+    EXPECT_EQ(daemon.Begin(7, {1}).result(), v1::BeginJobReply::RESULT_ALREADY_RUNNING);
+    EXPECT_EQ(daemon.Create("C", {9, 10}).conflict().reservation_key(), "B");
+    daemon.Create("C", {10});
+    EXPECT_EQ(daemon.Events(), "2_RESERVATION_CREATED B; 3_RESERVATION_UPDATED A; 4_RESERVATION_CREATED C; ");
+    EXPECT_EQ(daemon.State(),
+              "A {1,2,3,4,} 2 trees, jobs 7\n"
+              "B {8,9,} 0 trees, jobs\n"
+              "C {10,} 0 trees, jobs\n"
+              "job 7 of A\n");
+}
+
+// An override has been committed, and the process died before it touched a file. An operator has added files, too.
+TEST_F(DaemonTest, FilesFollowTheStoreUnlessTheyAreAnOperators) {
+    DieAfter([&] {
+        Daemon daemon(settings);
+        daemon.Create("A", {1});
+        daemon.Create("B", {2});
+        daemon.Create("C", {3});
+    });
+    DieAfter([&] {
+        EngineSettings elsewhere = settings;
+        elsewhere.options.persistent_dir += "/elsewhere";
+        Daemon daemon(elsewhere);
+        daemon.Create("C", {3, 4});
+        daemon.Create("D", {5});
+        daemon.Create("E", {6});
+    });
+    const fs::path elsewhere = PathOf("elsewhere");
+    {
+        Store store(PathOf("reservationd.sqlite"), Durability::kProcess, 10);
+        const StoredReservation grown{Content(elsewhere / "reservation.E"), 1};
+        store.Commit(
+            {.reservations = {{"B", std::nullopt}, {"E", grown}}, .jobs = {}, .events = {}, .published_keys = {"C"}});
+    }
+    fs::copy_file(elsewhere / "reservation.C", PathOf("reservation.C"), fs::copy_options::overwrite_existing);
+    fs::copy_file(elsewhere / "reservation.D", PathOf("reservation.misnamed"));
+    fs::copy_file(elsewhere / "reservation.E", PathOf("reservation.stray"));
+
+    Daemon daemon(settings);
+    EXPECT_EQ(daemon.State(),
+              "A {1,} 0 trees, jobs\n"
+              "C {3,4,} 0 trees, jobs\n"
+              "D {5,} 0 trees, jobs\n"
+              "E {6,} 0 trees, jobs\n");
+    EXPECT_FALSE(fs::exists(PathOf("reservation.B")));
+    EXPECT_TRUE(fs::exists(PathOf("reservation.D")));
+    EXPECT_EQ(Content(PathOf("reservation.E")), Content(elsewhere / "reservation.E"));
+    EXPECT_TRUE(fs::exists(PathOf("ignored/reservation.stray")));
+    EXPECT_EQ(daemon.Events(),
+              "1_RESERVATION_CREATED A; 2_RESERVATION_CREATED B; 3_RESERVATION_CREATED C; 4_RESERVATION_UPDATED C; "
+              "5_RESERVATION_CREATED D; ");
+}
+
+TEST_F(DaemonTest, AFullDiskRefusesChangesAndTakesNothingBack) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    Daemon daemon(settings);
+    daemon.Create("A", {1, 2});
+    daemon.Begin(7, {1});
+    const std::string state = daemon.State();
+    const std::string record = Content(PathOf("reservation.A"));
+    OpenLog("stderr", 1);
+
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit full{1, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+    daemon.Add("A", 3);
+    EXPECT_NE(daemon.failure, "");
+    daemon.Create("B", {3});
+    EXPECT_NE(daemon.failure, "");
+    daemon.Begin(8, {2});
+    EXPECT_NE(daemon.failure, "");
+    EXPECT_EQ(daemon.Create("B", {3}, true).status(), v1::STATUS_SUCCESS);
+    EXPECT_EQ(daemon.State(), state);
+    EXPECT_EQ(Content(PathOf("reservation.A")), record);
+    setrlimit(RLIMIT_FSIZE, &limit);
+
+    EXPECT_EQ(daemon.Add("A", 3).status(), v1::STATUS_SUCCESS);
+    EXPECT_EQ(daemon.failure, "");
+    EXPECT_EQ(daemon.State(), "A {1,2,3,} 2 trees, jobs 7\njob 7 of A\n");
+    EXPECT_EQ(daemon.Events(), "1_RESERVATION_CREATED A; 2_RESERVATION_UPDATED A; ");
+    EXPECT_NE(Content(PathOf("reservation.A")), record);
+}
+
+TEST_F(DaemonTest, ADryRunTellsWhatWouldHappenAndDoesNothing) {
+    settings.options.reservation_allow_guid_override = true;
+    settings.options.reservation_allow_ending_jobs = true;
+    Daemon daemon(settings);
+    daemon.Create("A", {1, 2});
+    daemon.Create("B", {3, 4});
+    daemon.Begin(7, {3});
+    const std::string state = daemon.State();
+    const std::string events = daemon.Events();
+
+    const v1::ReservationReply foretold = daemon.Create("A", {2, 4}, true);
+    EXPECT_EQ(daemon.State(), state);
+    EXPECT_EQ(daemon.Events(), events);
+    EXPECT_EQ(foretold.consequences().deleted_reservation_keys(0), "B");
+    EXPECT_EQ(foretold.consequences().ended_job_ids(0), 7U);
+    EXPECT_EQ(foretold.SerializeAsString(), daemon.Create("A", {2, 4}).SerializeAsString());
+    EXPECT_EQ(daemon.State(), "A {2,4,} 0 trees, jobs\n");
+    EXPECT_EQ(daemon.Events(), events +
+                                   "3_RESERVATION_UPDATED A; 4_JOB_ERROR B 7; 5_JOB_END B 7; "
+                                   "6_RESERVATION_REMOVED B; ");
+}
+
+TEST_F(DaemonTest, JobsAreCountedAgainWhenTheirPortsAreReportedAgain) {
+    settings.options.reservation_auto_by_pkeys = true;
+    DieAfter([&] {
+        Daemon daemon(settings);
+        daemon.ReportPort(1, 0x7fff);
+        daemon.ReportPort(2, 0x7fff);
+        daemon.Begin(7, {1, 2});
+    });
+    Daemon daemon(settings);
+    EXPECT_EQ(daemon.State(), "job 7 of reservation_0x7fff waits\n");
+    EXPECT_EQ(daemon.ReportPort(2, 0x7fff), "reservation_0x7fff");
+    EXPECT_EQ(daemon.State(), "reservation_0x7fff {2,} 0 trees, jobs\njob 7 of reservation_0x7fff waits\n");
+    daemon.ReportPort(1, 0x7fff);
+    daemon.ReportPort(1, 0x7fff);
+    EXPECT_EQ(daemon.State(), "reservation_0x7fff {1,2,} 2 trees, jobs 7\njob 7 of reservation_0x7fff\n");
+}
+
+}    // namespace
+}    // namespace reservationd

@@ -7,8 +7,6 @@
 namespace reservationd {
 namespace {
 
-namespace v1 = reservation::v1;
-
 void AddJobs(const ReservationInfo& reservation, v1::Conflict& conflict) {
     for (const auto& [job_id, job] : reservation.jobs) conflict.add_job_ids(job_id);
 }

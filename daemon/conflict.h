@@ -11,6 +11,8 @@
 
 namespace reservationd {
 
+namespace v1 = reservation::v1;
+
 // A change that was asked for. Both lists are ascending.
 struct WantedChange {
     std::string key;
@@ -20,7 +22,6 @@ struct WantedChange {
 
 // The conflict behind this refusal, as far as it can be named. `status` is the manager's answer to the change, and the
 // options are those in force.
-reservation::v1::Conflict FindConflict(const ReservationManager& manager, reservation::v1::Status status,
-                                       const WantedChange& change);
+v1::Conflict FindConflict(const ReservationManager& manager, v1::Status status, const WantedChange& change);
 
 }    // namespace reservationd

@@ -16,8 +16,6 @@
 
 namespace reservationd {
 
-namespace v1 = reservation::v1;
-
 namespace {
 
 constexpr size_t kMaxQueuedCalls = 10'000;
@@ -27,7 +25,9 @@ constexpr std::chrono::seconds kIdleTime{1};
 constexpr int kReasonLevel = 3;    // records up to this one are always made: they are the reasons that clients are told
 
 const std::string& MakeDirectory(const std::string& dir) {
-    std::filesystem::create_directory(dir);
+    std::error_code error;
+    std::filesystem::create_directory(dir, error);
+    if (error) throw std::runtime_error("persistent-dir " + dir + ": cannot be made: " + error.message());
     return dir;
 }
 

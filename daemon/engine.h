@@ -26,6 +26,8 @@
 
 namespace reservationd {
 
+namespace v1 = reservation::v1;
+
 struct EngineSettings {
     OptionInfo options;    // persistent_dir is made where it is missing; its parent is not
     Durability durability = Durability::kProcess;
@@ -75,7 +77,7 @@ public:
     void Stop();
 
     // For calls while they run.
-    void Describe(reservation::v1::DaemonInfo* info) const;
+    void Describe(v1::DaemonInfo* info) const;
 
     // What has been committed. For any thread.
     EventLog& events() { return events_; }

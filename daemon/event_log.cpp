@@ -4,17 +4,16 @@
 
 namespace reservationd {
 
-void EventLog::Append(const std::vector<reservation::v1::Event>& events) {
+void EventLog::Append(const std::vector<v1::Event>& events) {
     if (events.empty()) return;
     std::unique_lock lock(mutex_);
-    for (const reservation::v1::Event& event : events) events_.push_back(event);
+    for (const v1::Event& event : events) events_.push_back(event);
     while (events_.size() > kept_) events_.pop_front();
     newest_ = events.back().sequence();
     WakeReaders(std::move(lock));
 }
 
-EventLog::Outcome EventLog::Read(uint64_t sequence, reservation::v1::Event* event,
-                                 const std::shared_ptr<Reader>& reader) {
+EventLog::Outcome EventLog::Read(uint64_t sequence, v1::Event* event, const std::shared_ptr<Reader>& reader) {
     const std::lock_guard lock(mutex_);
     const uint64_t first = newest_ + 1 - events_.size();
     if (sequence < first || sequence > newest_ + 1) return Outcome::kGone;

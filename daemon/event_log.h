@@ -13,6 +13,8 @@
 
 namespace reservationd {
 
+namespace v1 = reservation::v1;
+
 // One writer, any number of readers, each on any thread.
 class EventLog {
 public:
@@ -29,12 +31,12 @@ public:
     explicit EventLog(uint64_t kept) : kept_(kept) {}
 
     // Adds events, which carry the sequence numbers after the newest one, and wakes the readers that wait.
-    void Append(const std::vector<reservation::v1::Event>& events);
+    void Append(const std::vector<v1::Event>& events);
 
     // kEvent: the event with this number has been copied to `event`. kNotYet: it is the next one to happen; the
     // reader is held and will be woken once. kGone: it is not kept any more, or lies beyond the next one. kClosed: it
     // will not happen, since the log is closed.
-    Outcome Read(uint64_t sequence, reservation::v1::Event* event, const std::shared_ptr<Reader>& reader);
+    Outcome Read(uint64_t sequence, v1::Event* event, const std::shared_ptr<Reader>& reader);
 
     // Does not hold the reader any more.
     void Forget(const std::shared_ptr<Reader>& reader);
@@ -50,7 +52,7 @@ private:
 
     const uint64_t kept_;
     mutable std::mutex mutex_;
-    std::deque<reservation::v1::Event> events_;
+    std::deque<v1::Event> events_;
     std::set<std::shared_ptr<Reader>> waiting_;
     uint64_t newest_ = 0;
     bool is_closed_ = false;

@@ -77,7 +77,7 @@ void WriteLog(const LogRecord& record) {
 }
 
 void WriteLog(int level, const std::string& message) {
-    TheLog().logger.log(ToSpdlog(level), "DAEMON {}: {}", level, message);
+    TheLog().logger.log(ToSpdlog(level), "DAEMON {}: {}", level, WithoutNewline(message));
 }
 
 }    // namespace reservationd

@@ -49,7 +49,7 @@ Settings Reload(const Settings& old_settings, int argc, char** argv, Engine& eng
     return old_settings;
 }
 
-void Serve(Settings settings, const sigset_t& signals, int argc, char** argv) {
+void Serve(Settings settings, const sigset_t& signals, int argc, char** argv) try {
     Engine engine(settings.engine);
     const Server server(settings.server, engine);
     WriteLog(kLogInfo, "reservationd " RESERVATIOND_VERSION " serves " + settings.engine.options.persistent_dir);
@@ -62,6 +62,9 @@ void Serve(Settings settings, const sigset_t& signals, int argc, char** argv) {
     WriteLog(kLogInfo, "Stopping");
     sd_notify(0, "STOPPING=1");
     engine.Stop();
+} catch (const std::exception& error) {
+    if (settings.log != "stderr") WriteLog(kLogError, error.what());
+    throw;
 }
 
 }    // namespace
@@ -75,6 +78,6 @@ int main(int argc, char** argv) try {
     std::fprintf(stderr, "reservationd: %s\n", error.what());
     return 2;
 } catch (const std::exception& error) {
-    WriteLog(kLogError, error.what());
+    std::fprintf(stderr, "reservationd: %s\n", error.what());
     return 1;
 }

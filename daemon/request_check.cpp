@@ -1,5 +1,6 @@
 #include "daemon/request_check.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <string_view>
 
@@ -7,16 +8,23 @@
 
 namespace reservationd {
 
-namespace v1 = reservation::v1;
-
 namespace {
 
 constexpr uint64_t kMaxPkey = 0xffff;
 constexpr uint64_t kMaxByte = 0xff;
 
+// The start of a key, fit for a message.
+std::string Shown(std::string key) {
+    constexpr size_t kMaxShown = 40;
+    if (key.size() > kMaxShown) key = key.substr(0, kMaxShown) + "...";
+    std::replace_if(
+        key.begin(), key.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+    return key;
+}
+
 std::string FaultOfKeyField(const std::string& key) {
     const std::string fault = FaultOfKey(key);
-    return fault.empty() ? "" : "key '" + key + "' " + fault + ", so it cannot name a reservation file";
+    return fault.empty() ? "" : "key '" + Shown(key) + "' " + fault + ", so it cannot name a reservation file";
 }
 
 std::string FaultOfNumber(const char* field, uint64_t value, uint64_t min, uint64_t max) {
@@ -53,6 +61,8 @@ std::string FaultOf(const v1::BeginJobRequest& request) {
 std::string FaultOf(const v1::EndJobRequest& request) {
     return FaultOfNumber("job_id", request.job_id(), 1, UINT64_MAX);
 }
+
+std::string FaultOf(const v1::ListJobsRequest& request) { return FaultOfKeyField(request.reservation_key()); }
 
 std::string FaultOf(const v1::ReportPortRequest& request) {
     std::string fault = FirstOf(FaultOfNumber("guid", request.guid(), 1, UINT64_MAX),

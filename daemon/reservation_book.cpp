@@ -13,8 +13,6 @@
 
 namespace reservationd {
 
-namespace v1 = reservation::v1;
-
 namespace {
 
 using Guids = std::vector<uint64_t>;
@@ -346,7 +344,7 @@ void ReservationBook::EndJob(const v1::EndJobRequest& request, v1::EndJobReply* 
     manager_.RemoveJob(manager_.GetReservationInfoByKey(job->description.reservation_key()), &job->vesk_job);
 }
 
-void ReservationBook::ListJobs(const v1::ListJobsRequest& request, v1::ListJobsReply* reply) const {
+void ReservationBook::ListJobs(const v1::ListJobsRequest& request, v1::ListJobsReply* reply) {
     const auto add = [reply](const Job& job) {
         v1::Job* const listed = reply->add_jobs();
         *listed = job.description;

@@ -25,11 +25,13 @@
 
 namespace reservationd {
 
+namespace v1 = reservation::v1;
+
 // What has happened to a book.
 struct BookChanges {
     std::set<std::string> keys;    // reservations that may have come, changed or gone
     std::set<uint64_t> job_ids;    // jobs that began or ended
-    std::vector<reservation::v1::Event> events;    // in order, without sequence numbers
+    std::vector<v1::Event> events;    // in order, without sequence numbers
 };
 
 // Used by one thread at a time. Several books can exist: each is in charge of the manager's globals while one of its
@@ -48,19 +50,15 @@ public:
     // ---- Requests. Each fills `reply`, which comes empty. ----
 
     // The first three with dry_run: what the manager would answer and do, with nothing changed.
-    void CreateReservation(const reservation::v1::CreateReservationRequest& request,
-                           reservation::v1::ReservationReply* reply);
-    void UpdateReservation(const reservation::v1::UpdateReservationRequest& request,
-                           reservation::v1::ReservationReply* reply);
-    void DeleteReservation(const reservation::v1::DeleteReservationRequest& request,
-                           reservation::v1::ReservationReply* reply);
-    void GetReservations(const reservation::v1::GetReservationsRequest& request,
-                         reservation::v1::ReservationReply* reply);
-    void BeginJob(const reservation::v1::BeginJobRequest& request, reservation::v1::BeginJobReply* reply);
-    void EndJob(const reservation::v1::EndJobRequest& request, reservation::v1::EndJobReply* reply);
-    void ListJobs(const reservation::v1::ListJobsRequest& request, reservation::v1::ListJobsReply* reply) const;
-    void ReportPort(const reservation::v1::ReportPortRequest& request, reservation::v1::ReportPortReply* reply);
-    void Describe(reservation::v1::DaemonInfo* info) const;    // the options and the counts
+    void CreateReservation(const v1::CreateReservationRequest& request, v1::ReservationReply* reply);
+    void UpdateReservation(const v1::UpdateReservationRequest& request, v1::ReservationReply* reply);
+    void DeleteReservation(const v1::DeleteReservationRequest& request, v1::ReservationReply* reply);
+    void GetReservations(const v1::GetReservationsRequest& request, v1::ReservationReply* reply);
+    void BeginJob(const v1::BeginJobRequest& request, v1::BeginJobReply* reply);
+    void EndJob(const v1::EndJobRequest& request, v1::EndJobReply* reply);
+    void ListJobs(const v1::ListJobsRequest& request, v1::ListJobsReply* reply);
+    void ReportPort(const v1::ReportPortRequest& request, v1::ReportPortReply* reply);
+    void Describe(v1::DaemonInfo* info) const;    // the options and the counts
 
     // ---- Storing and restoring ----
 
@@ -106,20 +104,18 @@ private:
     void AddReservationRemovedEvent(const char* key) override;
 
     template <typename Operation>
-    void Answer(reservation::v1::ReservationReply* reply, const WantedChange& change, Operation operation);
+    void Answer(v1::ReservationReply* reply, const WantedChange& change, Operation operation);
     template <typename Request>
-    void DryRun(void (ReservationBook::*operation)(const Request&, reservation::v1::ReservationReply*),
-                const Request& request, const google::protobuf::RepeatedField<uint64_t>& guids,
-                reservation::v1::ReservationReply* reply);
-    void Describe(const vesk_reservation_info& entry, reservation::v1::Reservation* reservation) const;
-    void AnswerAgain(const reservation::v1::Job& running, const reservation::v1::Job& wanted,
-                     reservation::v1::BeginJobReply* reply) const;
-    reservation::v1::BeginJobReply::Result Admit(std::unique_ptr<Job> job, reservation::v1::BeginJobReply* reply);
+    void DryRun(void (ReservationBook::*operation)(const Request&, v1::ReservationReply*), const Request& request,
+                const google::protobuf::RepeatedField<uint64_t>& guids, v1::ReservationReply* reply);
+    void Describe(const vesk_reservation_info& entry, v1::Reservation* reservation) const;
+    void AnswerAgain(const v1::Job& running, const v1::Job& wanted, v1::BeginJobReply* reply) const;
+    v1::BeginJobReply::Result Admit(std::unique_ptr<Job> job, v1::BeginJobReply* reply);
     void InsertJob(std::unique_ptr<Job> job);
     std::unique_ptr<Job> ExtractJob(uint64_t job_id);
     void CountJobsOf(ReservationInfo* reservation);
-    void AddReservationEvent(reservation::v1::Event::Kind kind, const std::string& key);
-    void AddJobEvent(reservation::v1::Event::Kind kind, const VeskJob& job);
+    void AddReservationEvent(v1::Event::Kind kind, const std::string& key);
+    void AddJobEvent(v1::Event::Kind kind, const VeskJob& job);
     void AddDifferencesTo(const std::map<std::string, StoredReservation>& stored);
     ReservationInfo* OwnerOf(uint64_t guid) const;
 
@@ -132,7 +128,7 @@ private:
     ReservationManager manager_;
     BookChanges changes_;
     std::string last_record_;    // that the manager sent in the last operation and that may be a reason
-    reservation::v1::ReservationReply* reply_ = nullptr;    // of the request under way
+    v1::ReservationReply* reply_ = nullptr;    // of the request under way
     bool with_details_ = true;    // the reply describes reservations in full
 };
 

@@ -9,8 +9,6 @@
 
 namespace reservationd {
 
-namespace v1 = reservation::v1;
-
 namespace {
 
 constexpr char kCommonNameProperty[] = "x509_common_name";
@@ -131,8 +129,8 @@ grpc::Status Service::CheckAccess(const grpc::CallbackServerContext& context, bo
 
 // ---- Calls ----
 
-grpc::ServerUnaryReactor* Service::Serve(grpc::CallbackServerContext* context, bool changes_something,
-                                         const std::string& fault, std::function<void(ReservationBook&)> run) {
+grpc::ServerUnaryReactor* Service::Submit(grpc::CallbackServerContext* context, bool changes_something,
+                                          const std::string& fault, std::function<void(ReservationBook&)> run) {
     grpc::ServerUnaryReactor* const reactor = context->DefaultReactor();
     const grpc::Status access = CheckAccess(*context, changes_something);
     if (!access.ok()) {
@@ -147,71 +145,64 @@ grpc::ServerUnaryReactor* Service::Serve(grpc::CallbackServerContext* context, b
     return reactor;
 }
 
+template <typename Request, typename Reply>
+grpc::ServerUnaryReactor* Service::Serve(grpc::CallbackServerContext* context, bool changes_something,
+                                         const Request* request, Reply* reply,
+                                         void (ReservationBook::*operation)(const Request&, Reply*)) {
+    return Submit(context, changes_something, FaultOf(*request), [request, reply, operation](ReservationBook& book) {
+        reply->Clear();
+        (book.*operation)(*request, reply);
+    });
+}
+
 grpc::ServerUnaryReactor* Service::CreateReservation(grpc::CallbackServerContext* context,
                                                      const v1::CreateReservationRequest* request,
                                                      v1::ReservationReply* reply) {
-    return Serve(context, !request->dry_run(), FaultOf(*request), [request, reply](ReservationBook& book) {
-        reply->Clear();
-        book.CreateReservation(*request, reply);
-    });
+    return Serve(context, !request->dry_run(), request, reply, &ReservationBook::CreateReservation);
 }
 
 grpc::ServerUnaryReactor* Service::UpdateReservation(grpc::CallbackServerContext* context,
                                                      const v1::UpdateReservationRequest* request,
                                                      v1::ReservationReply* reply) {
-    return Serve(context, !request->dry_run(), FaultOf(*request), [request, reply](ReservationBook& book) {
-        reply->Clear();
-        book.UpdateReservation(*request, reply);
-    });
+    return Serve(context, !request->dry_run(), request, reply, &ReservationBook::UpdateReservation);
 }
 
 grpc::ServerUnaryReactor* Service::DeleteReservation(grpc::CallbackServerContext* context,
                                                      const v1::DeleteReservationRequest* request,
                                                      v1::ReservationReply* reply) {
-    return Serve(context, !request->dry_run(), FaultOf(*request), [request, reply](ReservationBook& book) {
-        reply->Clear();
-        book.DeleteReservation(*request, reply);
-    });
+    return Serve(context, !request->dry_run(), request, reply, &ReservationBook::DeleteReservation);
 }
 
 grpc::ServerUnaryReactor* Service::GetReservations(grpc::CallbackServerContext* context,
                                                    const v1::GetReservationsRequest* request,
                                                    v1::ReservationReply* reply) {
-    return Serve(context, false, FaultOf(*request), [request, reply](ReservationBook& book) {
-        reply->Clear();
-        book.GetReservations(*request, reply);
-    });
+    return Serve(context, false, request, reply, &ReservationBook::GetReservations);
 }
 
 grpc::ServerUnaryReactor* Service::BeginJob(grpc::CallbackServerContext* context, const v1::BeginJobRequest* request,
                                             v1::BeginJobReply* reply) {
-    return Serve(context, true, FaultOf(*request),
-                 [request, reply](ReservationBook& book) { book.BeginJob(*request, reply); });
+    return Serve(context, true, request, reply, &ReservationBook::BeginJob);
 }
 
 grpc::ServerUnaryReactor* Service::EndJob(grpc::CallbackServerContext* context, const v1::EndJobRequest* request,
                                           v1::EndJobReply* reply) {
-    return Serve(context, true, FaultOf(*request),
-                 [request, reply](ReservationBook& book) { book.EndJob(*request, reply); });
+    return Serve(context, true, request, reply, &ReservationBook::EndJob);
 }
 
 grpc::ServerUnaryReactor* Service::ListJobs(grpc::CallbackServerContext* context, const v1::ListJobsRequest* request,
                                             v1::ListJobsReply* reply) {
-    return Serve(context, false, "", [request, reply](ReservationBook& book) {
-        reply->Clear();
-        book.ListJobs(*request, reply);
-    });
+    return Serve(context, false, request, reply, &ReservationBook::ListJobs);
 }
 
 grpc::ServerUnaryReactor* Service::ReportPort(grpc::CallbackServerContext* context,
                                               const v1::ReportPortRequest* request, v1::ReportPortReply* reply) {
-    return Serve(context, true, FaultOf(*request),
-                 [request, reply](ReservationBook& book) { book.ReportPort(*request, reply); });
+    return Serve(context, true, request, reply, &ReservationBook::ReportPort);
 }
 
 grpc::ServerUnaryReactor* Service::GetDaemonInfo(grpc::CallbackServerContext* context, const v1::GetDaemonInfoRequest*,
                                                  v1::DaemonInfo* reply) {
-    return Serve(context, false, "", [this, reply](ReservationBook&) {
+    return Submit(context, false, "", [this, reply](ReservationBook&) {
+        reply->Clear();
         reply->set_version(RESERVATIOND_VERSION);
         reply->set_started_unix_millis(started_unix_millis_);
         engine_.Describe(reply);

@@ -1,9 +1,11 @@
 #include "daemon/settings.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
+#include <system_error>
 #include <tuple>
 
 namespace reservationd {
@@ -63,12 +65,23 @@ void AddReservationOptions(CLI::App& app, EngineSettings& engine, std::string& d
         ->group(kReservations);
 }
 
+// "host:port"; "[host]:port" where the host has colons.
+std::string FaultOfAddress(const std::string& address) {
+    const size_t colon = address.rfind(':');
+    const std::string port = colon != std::string::npos ? address.substr(colon + 1) : "";
+    uint16_t number = 0;
+    const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), number);
+    const bool is_port = error == std::errc() && end == port.data() + port.size() && number > 0;
+    return address.empty() || is_port ? "" : address + " is not host:port";
+}
+
 void AddClientOptions(CLI::App& app, ServerSettings& server) {
     app.add_option("--socket", server.socket, "path of the Unix socket; empty: none")->group(kClients);
     app.add_option("--socket-group", server.socket_group, "group whose members may connect to the socket, too")
         ->group(kClients);
-    CLI::Option* const tcp =
-        app.add_option("--tcp", server.tcp_address, "host:port to listen on, with mutual TLS")->group(kClients);
+    CLI::Option* const tcp = app.add_option("--tcp", server.tcp_address, "host:port to listen on, with mutual TLS")
+                                 ->check(FaultOfAddress)
+                                 ->group(kClients);
     for (const auto& [name, value, what] :
          {std::tuple{"--tls-cert", &server.tls_certificate, "the daemon's certificate"},
           std::tuple{"--tls-key", &server.tls_key, "the key of that certificate"},
@@ -122,6 +135,8 @@ Settings ReadSettings(int argc, char** argv) {
     AddClientOptions(app, settings.server);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::ConfigError& error) {
+        throw SettingsError(app["--config"]->as<std::string>() + ": no such option, or not readable: " + error.what());
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) std::exit(app.exit(error));
         throw SettingsError(error.what());

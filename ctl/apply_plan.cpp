@@ -1,0 +1,182 @@
+#include "ctl/apply_plan.h"
+
+#include <google/protobuf/util/message_differencer.h>
+
+#include <algorithm>
+#include <iterator>
+#include <map>
+#include <unordered_set>
+#include <utility>
+
+#include "ctl/describe.h"
+#include "ctl/guid_list.h"
+#include "ctl/table.h"
+
+namespace reservationctl {
+
+namespace v1 = reservation::v1;
+
+namespace {
+
+using google::protobuf::util::MessageDifferencer;
+
+constexpr size_t kGuidsInPlan = 60;    // characters
+
+GuidList SortedGuids(const v1::Reservation& reservation) {
+    GuidList guids(reservation.guids().begin(), reservation.guids().end());
+    std::sort(guids.begin(), guids.end());
+    return guids;
+}
+
+GuidList Difference(const GuidList& guids, const GuidList& without) {
+    GuidList difference;
+    std::set_difference(guids.begin(), guids.end(), without.begin(), without.end(), std::back_inserter(difference));
+    return difference;
+}
+
+// What cannot change in a reservation, and does; or "".
+std::string FixedDifference(const v1::Reservation& old_one, const v1::Reservation& new_one) {
+    if (old_one.pkey() != new_one.pkey()) {
+        return "its pkey becomes " + FormatHex(new_one.pkey()) + " instead of " + FormatHex(old_one.pkey());
+    }
+    if (!MessageDifferencer::Equals(old_one.limits(), new_one.limits())) return "its limits change";
+    if (old_one.auto_created() != new_one.auto_created()) return "its mark as made from pkeys changes";
+    return "";
+}
+
+class Planner {
+public:
+    Planner(const Reservations& existing, const Reservations& wanted) {
+        for (const v1::Reservation& reservation : existing) {
+            existing_.emplace(reservation.key(), &reservation);
+            held_guids_.insert(reservation.guids().begin(), reservation.guids().end());
+        }
+        for (const v1::Reservation& reservation : wanted) {
+            wanted_keys_.insert(reservation.key());
+            wanted_guids_.insert(reservation.guids().begin(), reservation.guids().end());
+        }
+    }
+
+    std::vector<Step> Plan(const Reservations& wanted) {
+        for (const auto& [key, reservation] : existing_) {
+            if (!wanted_keys_.contains(key)) Delete(key, "");
+        }
+        for (const v1::Reservation& reservation : wanted) {
+            const auto found = existing_.find(reservation.key());
+            if (found == existing_.end()) {
+                Create(reservation, IsAnyHeld(reservation.guids()));
+            } else {
+                Change(*found->second, reservation);
+            }
+        }
+        std::vector<Step> steps = std::move(giving_);
+        for (std::vector<Step>* later : {&deletions_, &taking_}) {
+            std::move(later->begin(), later->end(), std::back_inserter(steps));
+        }
+        return steps;
+    }
+
+private:
+    template <typename Guids>
+    bool IsAnyHeld(const Guids& guids) const {
+        return std::any_of(guids.begin(), guids.end(), [this](uint64_t guid) { return held_guids_.contains(guid); });
+    }
+
+    void Change(const v1::Reservation& old_one, const v1::Reservation& new_one) {
+        const std::string difference = FixedDifference(old_one, new_one);
+        if (!difference.empty()) {
+            Delete(old_one.key(), difference);
+            return Create(new_one, true);
+        }
+        const GuidList old_guids = SortedGuids(old_one);
+        const GuidList new_guids = SortedGuids(new_one);
+        const GuidList added = Difference(new_guids, old_guids);
+        const GuidList removed = Difference(old_guids, new_guids);
+        if (!IsAnyHeld(added)) return Update(giving_, new_one.key(), added, removed);
+        Update(giving_, new_one.key(), {}, removed);
+        Update(taking_, new_one.key(), added, {});
+    }
+
+    void Create(const v1::Reservation& reservation, bool waits) {
+        v1::CreateReservationRequest request;
+        request.set_key(reservation.key());
+        request.set_pkey(reservation.pkey());
+        *request.mutable_guids() = reservation.guids();
+        if (reservation.has_limits()) *request.mutable_limits() = reservation.limits();
+        request.set_auto_created(reservation.auto_created());
+        const bool is_empty = reservation.guids().empty();
+        if (is_empty) request.add_guids(FreeGuid());
+        taking_.push_back({std::move(request), "", waits});
+        if (is_empty) Update(taking_, reservation.key(), {}, {FreeGuid()});
+    }
+
+    void Update(std::vector<Step>& steps, const std::string& key, const GuidList& added,
+                const GuidList& removed) const {
+        if (added.empty() && removed.empty()) return;
+        v1::UpdateReservationRequest request;
+        request.set_key(key);
+        request.mutable_add_guids()->Add(added.begin(), added.end());
+        request.mutable_remove_guids()->Add(removed.begin(), removed.end());
+        steps.push_back({std::move(request), "", &steps == &taking_});
+    }
+
+    void Delete(const std::string& key, const std::string& reason) {
+        v1::DeleteReservationRequest request;
+        request.set_key(key);
+        deletions_.push_back({std::move(request), reason, false});
+    }
+
+    // The smallest GUID that nobody has or wants.
+    uint64_t FreeGuid() const {
+        uint64_t guid = 1;
+        while (held_guids_.contains(guid) || wanted_guids_.contains(guid)) ++guid;
+        return guid;
+    }
+
+    std::map<std::string, const v1::Reservation*> existing_;
+    std::unordered_set<std::string> wanted_keys_;
+    std::unordered_set<uint64_t> held_guids_;
+    std::unordered_set<uint64_t> wanted_guids_;
+    std::vector<Step> giving_;
+    std::vector<Step> deletions_;
+    std::vector<Step> taking_;
+};
+
+// ---- In words ----
+
+std::string DescribeGuids(const google::protobuf::RepeatedField<uint64_t>& guids) {
+    GuidList list(guids.begin(), guids.end());
+    std::sort(list.begin(), list.end());
+    return Count(list.size(), "GUID") + (list.empty() ? "" : " (" + FoldGuids(list, kGuidsInPlan) + ")");
+}
+
+std::string DescribeRequest(const v1::CreateReservationRequest& request) {
+    return "create " + Printable(request.key()) + ": pkey " + FormatHex(request.pkey()) + ", limits " +
+           DescribeLimits(request.limits()) + ", " + DescribeGuids(request.guids());
+}
+
+std::string DescribeRequest(const v1::UpdateReservationRequest& request) {
+    std::string text = "change " + Printable(request.key()) + ":";
+    if (!request.remove_guids().empty()) text += " remove " + DescribeGuids(request.remove_guids());
+    if (!request.add_guids().empty()) {
+        text += (request.remove_guids().empty() ? " add " : ", add ") + DescribeGuids(request.add_guids());
+    }
+    return text;
+}
+
+std::string DescribeRequest(const v1::DeleteReservationRequest& request) {
+    return "delete " + Printable(request.key());
+}
+
+}    // namespace
+
+std::vector<Step> PlanChanges(const Reservations& existing, const Reservations& wanted) {
+    return Planner(existing, wanted).Plan(wanted);
+}
+
+std::string Describe(const Step& step) {
+    const std::string reason = step.reason.empty() ? "" : ", because " + step.reason;
+    return std::visit([](const auto& request) { return DescribeRequest(request); }, step.request) + reason;
+}
+
+}    // namespace reservationctl

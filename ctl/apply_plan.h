@@ -1,0 +1,38 @@
+// The steps from the reservations that exist to those that are wanted.
+
+#pragma once
+
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "reservation/v1/reservation.pb.h"
+
+namespace reservationctl {
+
+using Reservations = google::protobuf::RepeatedPtrField<reservation::v1::Reservation>;
+
+struct Step {
+    using Request = std::variant<reservation::v1::CreateReservationRequest, reservation::v1::UpdateReservationRequest,
+                                 reservation::v1::DeleteReservationRequest>;
+
+    Request request;
+    std::string reason;    // why a reservation that is wanted is deleted; else empty
+    bool waits = false;    // can succeed only after earlier steps, so that it is too early for a dry run
+};
+
+// The steps, in an order in which no step takes a GUID that a reservation still holds: what gives GUIDs away comes
+// first, then the deletions, then what takes them. None when there is nothing to change. Jobs can only be in the way of
+// steps that do not wait.
+//
+// Compares key, pkey, limits, origin and GUIDs; the GUIDs may be in any order. Only the GUIDs of a reservation can
+// change, so that one with another pkey, limits or origin is deleted and created anew. A wanted reservation without
+// GUIDs, which cannot be created as such, is created with one that nobody has or wants, and then loses it.
+//
+// No two of `wanted` have one key or share a GUID, and no GUID is in one of them twice.
+std::vector<Step> PlanChanges(const Reservations& existing, const Reservations& wanted);
+
+// "change appA: remove 1 GUID (0x3), add 2 GUIDs (0x10-0x11)"
+std::string Describe(const Step& step);
+
+}    // namespace reservationctl

@@ -1,0 +1,166 @@
+#include "ctl/commands.h"
+
+#include <google/protobuf/util/json_util.h>
+
+#include <iostream>
+
+#include "ctl/describe.h"
+#include "ctl/refusal.h"
+#include "ctl/table.h"
+
+namespace reservationctl {
+
+namespace v1 = reservation::v1;
+
+namespace {
+
+enum class Layout { kIndented, kOneLine };
+
+void PrintJson(const google::protobuf::Message& message, Layout layout = Layout::kIndented) {
+    google::protobuf::util::JsonPrintOptions options;
+    options.add_whitespace = layout == Layout::kIndented;
+    options.always_print_primitive_fields = true;
+    std::string text;
+    const auto status = google::protobuf::util::MessageToJsonString(message, &text, options);
+    if (!status.ok()) throw Error(ExitStatus::kRefused, "the reply has no JSON form: " + std::string(status.message()));
+    std::cout << text << (text.ends_with('\n') ? "" : "\n");
+}
+
+// Prints the reply: as JSON, or with `describe`, which returns its text.
+template <typename Reply, typename Describe>
+void Print(const Reply& reply, Format format, Describe describe) {
+    if (format == Format::kJson) return PrintJson(reply);
+    std::cout << describe();
+}
+
+// Prints the reply to a create, update or delete.
+template <typename Request>
+ExitStatus PrintChange(Client& client, const Request& request, Format format, const std::string& done) {
+    const v1::ReservationReply reply = client.Call(request);
+    const bool is_done = IsCarriedOut(reply);
+    if (format == Format::kJson) PrintJson(reply);
+    if (!is_done) {
+        std::cerr << "refused: " << DescribeRefusal(reply);
+        return ExitStatus::kRefused;
+    }
+    if (format == Format::kText) {
+        std::cout << (request.dry_run() ? "would be " : "") << done << ":\n"
+                  << DescribeInTable(reply.reservations()) << Describe(reply.consequences(), request.dry_run());
+    }
+    return ExitStatus::kDone;
+}
+
+template <typename DescribeReservations>
+ExitStatus PrintReservations(Client& client, const v1::GetReservationsRequest& request, Format format,
+                             DescribeReservations describe) {
+    const v1::ReservationReply reply = client.Call(request);
+    if (format == Format::kJson) PrintJson(reply);
+    if (reply.status() != v1::STATUS_SUCCESS) {
+        std::cerr << "refused: " << DescribeRefusal(reply);
+        return ExitStatus::kRefused;
+    }
+    if (format == Format::kText) std::cout << describe(reply);
+    return ExitStatus::kDone;
+}
+
+}    // namespace
+
+ExitStatus CreateReservation(Client& client, const v1::CreateReservationRequest& request, Format format) {
+    return PrintChange(client, request, format, "created");
+}
+
+ExitStatus UpdateReservation(Client& client, const v1::UpdateReservationRequest& request, Format format) {
+    return PrintChange(client, request, format, "updated");
+}
+
+ExitStatus DeleteReservation(Client& client, const v1::DeleteReservationRequest& request, Format format) {
+    return PrintChange(client, request, format, "deleted");
+}
+
+ExitStatus ListReservations(Client& client, Format format) {
+    v1::GetReservationsRequest request;
+    request.set_with_details(true);
+    return PrintReservations(client, request, format,
+                             [](const auto& reply) { return DescribeInTable(reply.reservations()); });
+}
+
+ExitStatus ListKeys(Client& client) {
+    return PrintReservations(client, {}, Format::kText, [](const v1::ReservationReply& reply) {
+        std::string text;
+        for (const v1::Reservation& reservation : reply.reservations()) text += Printable(reservation.key()) + "\n";
+        return text;
+    });
+}
+
+ExitStatus ShowReservation(Client& client, const std::string& key, Format format) {
+    v1::GetReservationsRequest request;
+    request.set_key(key);
+    request.set_with_details(true);
+    return PrintReservations(client, request, format, [](const v1::ReservationReply& reply) {
+        std::string text;
+        for (const v1::Reservation& reservation : reply.reservations()) text += Describe(reservation);
+        return text;
+    });
+}
+
+ExitStatus BeginJob(Client& client, const v1::BeginJobRequest& request, Format format) {
+    const v1::BeginJobReply reply = client.Call(request);
+    const bool is_admitted = reply.result() == v1::BeginJobReply::RESULT_ADMITTED;
+    if (format == Format::kJson) PrintJson(reply);
+    if (!is_admitted) {
+        std::cerr << "refused: " << DescribeRefusal(reply);
+        return ExitStatus::kRefused;
+    }
+    if (format == Format::kText) {
+        std::cout << "job " << request.job_id() << " admitted to reservation " << Printable(reply.reservation_key())
+                  << ", id " << reply.reservation_id() << "\n";
+    }
+    return ExitStatus::kDone;
+}
+
+ExitStatus EndJob(Client& client, const v1::EndJobRequest& request, Format format) {
+    const v1::EndJobReply reply = client.Call(request);
+    Print(reply, format, [&] {
+        return "job " + std::to_string(request.job_id()) + (reply.was_running() ? " ended\n" : " was not running\n");
+    });
+    return ExitStatus::kDone;
+}
+
+ExitStatus ListJobs(Client& client, const v1::ListJobsRequest& request, Format format) {
+    const v1::ListJobsReply reply = client.Call(request);
+    Print(reply, format, [&] { return DescribeInTable(reply.jobs()); });
+    return ExitStatus::kDone;
+}
+
+ExitStatus ReportPort(Client& client, const v1::ReportPortRequest& request, Format format) {
+    const v1::ReportPortReply reply = client.Call(request);
+    Print(reply, format, [&] {
+        const std::string& key = reply.reservation_key();
+        return std::string(reply.acted() ? "changed: " : "nothing changed: ") + "the HCA is in " +
+               (key.empty() ? "no reservation" : "reservation " + Printable(key)) + "\n";
+    });
+    return ExitStatus::kDone;
+}
+
+ExitStatus ShowStatus(Client& client, Format format) {
+    const v1::DaemonInfo info = client.Call(v1::GetDaemonInfoRequest());
+    Print(info, format, [&] { return Describe(info); });
+    return ExitStatus::kDone;
+}
+
+ExitStatus WatchEvents(Client& client, const v1::WatchRequest& request, uint64_t count, Format format) {
+    uint64_t taken = 0;
+    client.Watch(request, [&](const v1::Event& event) {
+        if (format == Format::kJson) {
+            PrintJson(event, Layout::kOneLine);
+        } else {
+            std::cout << Describe(event);
+        }
+        std::cout.flush();
+        if (event.kind() != v1::Event::KIND_NONE) ++taken;
+        return std::cout.good() && (count == 0 || taken < count);
+    });
+    return ExitStatus::kDone;
+}
+
+}    // namespace reservationctl

@@ -1,0 +1,110 @@
+#include "ctl/declaration.h"
+
+#include <google/protobuf/util/json_util.h>
+
+#include <nlohmann/json.hpp>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "ctl/errors.h"
+#include "ctl/guid_list.h"
+
+namespace reservationctl {
+namespace {
+
+namespace v1 = reservation::v1;
+using nlohmann::json;
+
+constexpr uint64_t kMaxPkey = 0xffff;
+constexpr uint32_t kLimitNotGiven = 0xffffffff;
+
+json ParseJson(const std::string& text, const std::string& name) try {
+    return json::parse(text, nullptr, true, true);
+} catch (const json::exception& error) {
+    const std::string message = error.what();
+    const size_t end_of_tag = message.find("] ");
+    throw UsageError(name + ": " + (end_of_tag == message.npos ? message : message.substr(end_of_tag + 2)));
+}
+
+// Takes the GUIDs out of the reservation: each element is a string that lists some, or a number.
+GuidList TakeGuids(json& reservation, const std::string& source) {
+    if (!reservation.contains("guids")) throw UsageError(source + ": has no member \"guids\"");
+    const json elements = std::move(reservation["guids"]);
+    reservation.erase("guids");
+    if (!elements.is_array()) throw UsageError(source + ": \"guids\" is not an array");
+    GuidList guids;
+    for (const json& element : elements) {
+        ParseGuids(element.is_string() ? element.get_ref<const std::string&>() : element.dump(), source, guids);
+    }
+    return guids;
+}
+
+// The daemon takes a limit with this value for none.
+void ForgetLimitsNotGiven(v1::Limits& limits) {
+    const google::protobuf::Reflection& reflection = *limits.GetReflection();
+    std::vector<const google::protobuf::FieldDescriptor*> given;
+    reflection.ListFields(limits, &given);
+    for (const auto* limit : given) {
+        if (reflection.GetUInt32(limits, limit) == kLimitNotGiven) reflection.ClearField(&limits, limit);
+    }
+}
+
+v1::Reservation ParseReservation(json element, const std::string& name, size_t index) {
+    std::string source = name + ": reservation " + std::to_string(index + 1);
+    if (!element.is_object()) throw UsageError(source + " is not an object");
+    const auto key = element.find("key");
+    if (key != element.end() && key->is_string()) source += " (" + key->get_ref<const std::string&>() + ")";
+    const GuidList guids = TakeGuids(element, source);
+    const auto pkey = element.find("pkey");
+    if (pkey != element.end() && pkey->is_string()) *pkey = ParseNumber(pkey->get<std::string>(), 0, kMaxPkey, source);
+
+    v1::Reservation reservation;
+    const auto status = google::protobuf::util::JsonStringToMessage(element.dump(), &reservation);
+    if (!status.ok()) throw UsageError(source + ": " + std::string(status.message()));
+    if (reservation.key().empty()) throw UsageError(source + ": has no key");
+    if (reservation.pkey() > kMaxPkey) {
+        throw UsageError(source + ": pkey " + std::to_string(reservation.pkey()) + " is above 65535");
+    }
+    if (reservation.has_limits()) ForgetLimitsNotGiven(*reservation.mutable_limits());
+    reservation.mutable_guids()->Add(guids.begin(), guids.end());
+    return reservation;
+}
+
+void CheckTogether(const Reservations& reservations, const std::string& name) {
+    std::unordered_set<std::string> keys;
+    std::unordered_map<uint64_t, const v1::Reservation*> holders;
+    for (const v1::Reservation& reservation : reservations) {
+        if (!keys.insert(reservation.key()).second) {
+            throw UsageError(name + ": reservation " + reservation.key() + " is there twice");
+        }
+        for (const uint64_t guid : reservation.guids()) {
+            const auto [holder, is_first] = holders.emplace(guid, &reservation);
+            if (is_first) continue;
+            throw UsageError(name + ": GUID " + FormatHex(guid) + " of reservation " + reservation.key() +
+                             " is there already, in reservation " + holder->second->key());
+        }
+    }
+}
+
+}    // namespace
+
+Reservations ParseDeclaration(const std::string& text, const std::string& name) {
+    json document = ParseJson(text, name);
+    const auto elements = document.is_object() ? document.find("reservations") : document.end();
+    if (elements == document.end() || !elements->is_array()) {
+        throw UsageError(name + ": is not an object with an array \"reservations\"");
+    }
+    if (document.contains("status") && document["status"] != "STATUS_SUCCESS" && document["status"] != 0) {
+        throw UsageError(name + ": is the answer to a refused request: " + document["status"].dump());
+    }
+    Reservations reservations;
+    for (size_t i = 0; i < elements->size(); ++i) {
+        *reservations.Add() = ParseReservation(std::move((*elements)[i]), name, i);
+    }
+    CheckTogether(reservations, name);
+    return reservations;
+}
+
+}    // namespace reservationctl

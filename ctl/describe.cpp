@@ -1,0 +1,188 @@
+#include "ctl/describe.h"
+
+#include <array>
+#include <ctime>
+#include <vector>
+
+#include "ctl/guid_list.h"
+#include "ctl/table.h"
+
+namespace reservationctl {
+
+namespace v1 = reservation::v1;
+
+namespace {
+
+constexpr size_t kGuidsInTable = 60;    // characters
+constexpr uint32_t kNoTreesLimit = 24575;
+constexpr uint32_t kNoDefaultTrees = 0xffffffff;
+constexpr int64_t kMillisPerSecond = 1000;
+
+template <typename Guids>
+GuidList ToList(const Guids& guids) {
+    return GuidList(guids.begin(), guids.end());
+}
+
+std::string DescribeTrees(const v1::Reservation& reservation) {
+    const uint32_t max = reservation.max_trees();
+    return std::to_string(reservation.used_trees()) + " of " +
+           (max == kNoTreesLimit ? "unlimited" : std::to_string(max));
+}
+
+std::string DescribeState(const v1::Reservation& reservation) {
+    switch (reservation.state()) {
+        case 1:
+            return "active";
+        case 3:
+            return "deleted";
+        default:
+            return std::to_string(reservation.state());
+    }
+}
+
+std::string DescribeTime(int64_t unix_millis) {
+    const std::time_t seconds = unix_millis / kMillisPerSecond;
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    std::array<char, 32> text{};
+    std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return text.data();
+}
+
+std::string YesOrNo(bool value) { return value ? "yes" : "no"; }
+
+// Two columns: names and values.
+std::string DescribeFacts(const std::vector<std::vector<std::string>>& facts) {
+    Table table({{}, {}});
+    for (const auto& fact : facts) table.AddRow(fact);
+    return table.ToString();
+}
+
+std::string DescribeKind(const v1::Event& event) {
+    const std::string key = Printable(event.reservation_key());
+    const std::string job = "job " + std::to_string(event.job_id()) + " of " + key;
+    const std::string reason = event.reason().empty() ? "" : ": " + Printable(event.reason());
+    switch (event.kind()) {
+        case v1::Event::KIND_RESERVATION_CREATED:
+            return "reservation " + key + " created";
+        case v1::Event::KIND_RESERVATION_UPDATED:
+            return "reservation " + key + " updated";
+        case v1::Event::KIND_RESERVATION_REMOVED:
+            return "reservation " + key + " removed";
+        case v1::Event::KIND_JOB_ERROR:
+            return job + " lost its reservation" + reason;
+        case v1::Event::KIND_JOB_END:
+            return job + " is to be ended" + reason;
+        default:
+            return v1::Event::Kind_Name(event.kind());
+    }
+}
+
+}    // namespace
+
+std::string Count(size_t number, const std::string& thing) {
+    return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
+}
+
+std::string JoinNumbers(const google::protobuf::RepeatedField<uint64_t>& numbers) {
+    std::string text;
+    for (const uint64_t number : numbers) text += (text.empty() ? "" : ",") + std::to_string(number);
+    return text;
+}
+
+std::string DescribeLimits(const v1::Limits& limits) {
+    std::vector<const google::protobuf::FieldDescriptor*> given;
+    limits.GetReflection()->ListFields(limits, &given);
+    std::string text;
+    for (const auto* limit : given) {
+        text += (text.empty() ? "" : ",") + limit->name() + "=" +
+                std::to_string(limits.GetReflection()->GetUInt32(limits, limit));
+    }
+    return text.empty() ? "none" : text;
+}
+
+std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Reservation>& reservations) {
+    constexpr auto kRight = Table::Align::kRight;
+    Table table({{"KEY"}, {"PKEY", kRight}, {"HCAS", kRight}, {"TREES", kRight}, {"JOBS", kRight}, {"GUIDS"}});
+    for (const v1::Reservation& reservation : reservations) {
+        table.AddRow({Printable(reservation.key()), FormatHex(reservation.pkey()),
+                      std::to_string(reservation.guids_size()), DescribeTrees(reservation),
+                      std::to_string(reservation.job_ids_size()),
+                      FoldGuids(ToList(reservation.guids()), kGuidsInTable)});
+    }
+    return table.ToString();
+}
+
+std::string Describe(const v1::Reservation& reservation) {
+    return DescribeFacts({{"key", Printable(reservation.key())},
+                          {"id", std::to_string(reservation.id())},
+                          {"state", DescribeState(reservation)},
+                          {"pkey", FormatHex(reservation.pkey())},
+                          {"made from pkeys", YesOrNo(reservation.auto_created())},
+                          {"limits", DescribeLimits(reservation.limits())},
+                          {"trees", DescribeTrees(reservation)},
+                          {"jobs", reservation.job_ids().empty() ? "none" : JoinNumbers(reservation.job_ids())},
+                          {"HCAs", std::to_string(reservation.guids_size())},
+                          {"GUIDs", FoldGuids(ToList(reservation.guids()))}});
+}
+
+std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Job>& jobs) {
+    constexpr auto kRight = Table::Align::kRight;
+    Table table({{"JOB", kRight},
+                 {"RESERVATION"},
+                 {"PLANES", kRight},
+                 {"TREES", kRight},
+                 {"COUNTED"},
+                 {"HCAS", kRight},
+                 {"GUIDS"}});
+    for (const v1::Job& job : jobs) {
+        table.AddRow({std::to_string(job.job_id()), Printable(job.reservation_key()), std::to_string(job.planes()),
+                      std::to_string(job.trees()), YesOrNo(job.accounted()), std::to_string(job.guids_size()),
+                      FoldGuids(ToList(job.guids()), kGuidsInTable)});
+    }
+    return table.ToString();
+}
+
+std::string Describe(const v1::DaemonInfo& info) {
+    const uint32_t trees = info.reservation_default_num_trees();
+    return DescribeFacts(
+        {{"version", Printable(info.version())},
+         {"started", DescribeTime(info.started_unix_millis())},
+         {"store", Printable(info.persistent_dir())},
+         {"store can be written", YesOrNo(info.store_writable())},
+         {"durability", Printable(info.durability())},
+         {"reservations", std::to_string(info.reservations())},
+         {"reserved HCAs", std::to_string(info.reserved_hcas())},
+         {"jobs", std::to_string(info.jobs())},
+         {"refused creates and updates", std::to_string(info.failed_reservation_requests())},
+         {"events kept", std::to_string(info.oldest_sequence()) + " to " + std::to_string(info.last_sequence())},
+         {"reservation mode", YesOrNo(info.reservation_mode())},
+         {"reservations from pkeys", YesOrNo(info.reservation_auto_by_pkeys())},
+         {"GUID override allowed", YesOrNo(info.reservation_allow_guid_override())},
+         {"ending jobs allowed", YesOrNo(info.reservation_allow_ending_jobs())},
+         {"stored reservations loaded", YesOrNo(info.load_persistent_reservations())},
+         {"default trees limit", trees == kNoDefaultTrees ? "none" : std::to_string(trees)},
+         {"most jobs per HCA", info.max_jobs_per_hca() == 0 ? "unlimited" : std::to_string(info.max_jobs_per_hca())}});
+}
+
+std::string Describe(const v1::Event& event) {
+    if (event.kind() == v1::Event::KIND_NONE) return "next event: " + std::to_string(event.sequence()) + "\n";
+    return std::to_string(event.sequence()) + "  " + DescribeTime(event.time_unix_millis()) + "  " +
+           DescribeKind(event) + "\n";
+}
+
+std::string Describe(const v1::Consequences& consequences, bool is_dry_run) {
+    std::string text;
+    for (const std::string& key : consequences.deleted_reservation_keys()) {
+        text += (is_dry_run ? "would delete reservation " : "deleted reservation ") + Printable(key) +
+                ", whose GUIDs are taken\n";
+    }
+    if (!consequences.ended_job_ids().empty()) {
+        text += (is_dry_run ? "would end " : "ended ") +
+                Count(static_cast<size_t>(consequences.ended_job_ids_size()), "job") + ": " +
+                JoinNumbers(consequences.ended_job_ids()) + "\n";
+    }
+    return text;
+}
+
+}    // namespace reservationctl

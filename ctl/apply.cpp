@@ -139,7 +139,10 @@ ExitStatus Apply(Client& client, const ApplySettings& settings) {
     }
     if (!PrintPlan(plan)) return ExitStatus::kRefused;
     if (settings.is_dry_run) return ExitStatus::kDone;
-    if (!settings.is_agreed && !Ask()) return ExitStatus::kRefused;
+    if (!settings.is_agreed && !Ask()) {
+        std::cerr << "nothing has been changed\n";
+        return ExitStatus::kRefused;
+    }
     return CarryOut(client, plan);
 }
 

@@ -10,7 +10,7 @@
 
 #include "ctl/describe.h"
 #include "ctl/guid_list.h"
-#include "ctl/table.h"
+#include "ctl/text.h"
 
 namespace reservationctl {
 
@@ -106,7 +106,7 @@ private:
         request.set_auto_created(reservation.auto_created());
         const bool is_empty = reservation.guids().empty();
         if (is_empty) request.add_guids(FreeGuid());
-        taking_.push_back({std::move(request), "", waits});
+        taking_.push_back({std::move(request), is_empty ? "nothing is created without GUIDs" : "", waits});
         if (is_empty) Update(taking_, reservation.key(), {}, {FreeGuid()});
     }
 

@@ -17,7 +17,7 @@ struct Step {
                                  reservation::v1::DeleteReservationRequest>;
 
     Request request;
-    std::string reason;    // why a reservation that is wanted is deleted; else empty
+    std::string reason;    // where the step alone does not tell why it is there; else empty
     bool waits = false;    // can succeed only after earlier steps, so that it is too early for a dry run
 };
 

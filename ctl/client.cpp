@@ -21,6 +21,12 @@ constexpr std::string_view kUnixScheme = "unix:";
 // A daemon takes pings that come more often than every five minutes for an attack.
 constexpr int kKeepaliveMillis = 6 * 60 * 1000;
 
+std::string ReadPem(const std::string& option, const std::string& path) {
+    std::string text = ReadFile(path);
+    if (text.find("-----BEGIN ") == text.npos) throw UsageError(option + ": " + path + " is not a PEM file");
+    return text;
+}
+
 void CheckHostAndPort(const std::string& address) {
     const size_t colon = address.rfind(':');
     if (colon == address.npos || colon == 0 || address.find('/') != address.npos) {
@@ -45,8 +51,8 @@ std::shared_ptr<grpc::ChannelCredentials> CredentialsFor(const Connection& conne
     for (const auto& [option, path] : files) {
         if (path->empty()) throw UsageError(option + std::string(" is missing: ") + address + " is reached over TLS");
     }
-    return grpc::SslCredentials(
-        {ReadFile(connection.tls_ca), ReadFile(connection.tls_key), ReadFile(connection.tls_certificate)});
+    return grpc::SslCredentials({ReadPem("--tls-ca", connection.tls_ca), ReadPem("--tls-key", connection.tls_key),
+                                 ReadPem("--tls-cert", connection.tls_certificate)});
 }
 
 grpc::ChannelArguments ChannelArguments() {
@@ -57,12 +63,18 @@ grpc::ChannelArguments ChannelArguments() {
     return arguments;
 }
 
+// gRPC does not tell a certificate that does not fit its key from a daemon that is not there.
+std::string HintFor(const std::string& address) {
+    return address.starts_with(kUnixScheme) ? ""
+                                            : " (see also whether --tls-ca, --tls-cert and --tls-key fit together)";
+}
+
 [[noreturn]] void Throw(const grpc::Status& status, const std::string& address, std::chrono::seconds timeout) {
     const std::string& message = status.error_message();
     switch (status.error_code()) {
         case grpc::StatusCode::UNAVAILABLE:
         case grpc::StatusCode::UNIMPLEMENTED:
-            throw Error(ExitStatus::kNoDaemon, "no daemon serves at " + address + ": " + message);
+            throw Error(ExitStatus::kNoDaemon, "no daemon serves at " + address + ": " + message + HintFor(address));
         case grpc::StatusCode::DEADLINE_EXCEEDED:
             throw Error(ExitStatus::kNoDaemon, address + " has not answered within " + std::to_string(timeout.count()) +
                                                    " s (--timeout); a change may have been made all the same");

@@ -12,6 +12,7 @@
 #include "ctl/apply.h"
 #include "ctl/commands.h"
 #include "ctl/guid_list.h"
+#include "ctl/text.h"
 
 namespace reservationctl {
 
@@ -72,14 +73,20 @@ CLI::Option* AddGuidList(CLI::App* command, const std::string& name, const std::
         const GuidList guids = ReadGuids(values, name, std::cin);
         field()->Add(guids.begin(), guids.end());
     };
-    return AddTexts(command, name, help, read)->type_name("LIST");
+    return AddTexts(command, name, help + ": 0x10,0x20-0x2f, @FILE or -; can be repeated", read)->type_name("LIST");
+}
+
+CLI::Option* AddKey(CLI::App* command, const std::string& help, const std::function<void(const std::string&)>& set) {
+    return AddText(command, "KEY", help, [set](const std::string& key) {
+        if (key.empty()) throw UsageError("KEY: is empty");
+        if (!IsUtf8(key)) throw UsageError("KEY: '" + key + "' is not UTF-8");
+        set(key);
+    });
 }
 
 template <typename Request>
 void AddKey(CLI::App* command, const DraftPointer<Request>& draft) {
-    AddText(command, "KEY", "the reservation's key", [draft](const auto& key) {
-        draft->request.set_key(key);
-    })->required();
+    AddKey(command, "the reservation's key", [draft](const auto& key) { draft->request.set_key(key); })->required();
 }
 
 template <typename Request>
@@ -134,8 +141,8 @@ public:
         const auto end = std::make_shared<Draft<v1::EndJobRequest>>();
         AddJobId(Add(job, "end", "take a job that ended out of the counts", end, EndJob), end);
         const auto list = std::make_shared<Draft<v1::ListJobsRequest>>();
-        AddText(Add(job, "list", "list the running jobs", list, ListJobs), "KEY", "of this reservation only",
-                [list](const auto& key) { list->request.set_reservation_key(key); });
+        AddKey(Add(job, "list", "list the running jobs", list, ListJobs), "of this reservation only",
+               [list](const auto& key) { list->request.set_reservation_key(key); });
     }
 
     void AddFabricCommands(CLI::App* app) {
@@ -148,9 +155,7 @@ public:
 
 private:
     static CLI::App* AddGroup(CLI::App* app, const std::string& name, const std::string& help) {
-        CLI::App* const group = app->add_subcommand(name, help)->fallthrough();
-        group->require_subcommand(1);
-        return group;
+        return app->add_subcommand(name, help)->fallthrough();
     }
 
     // A command that calls `run` with the draft as it is when the line has been read.
@@ -202,20 +207,17 @@ private:
     }
 
     void AddList(CLI::App* app) {
-        const auto draft = std::make_shared<Draft<bool>>();
-        CLI::App* const command =
-            Add(app, "list", "list the reservations", draft, [](Client& client, bool keys_only, Format format) {
-                return keys_only ? ListKeys(client) : ListReservations(client, format);
-            });
-        command->add_flag("--keys", draft->request, "keys only, one a line")->excludes("--json");
+        const auto draft = std::make_shared<Draft<v1::GetReservationsRequest>>();
+        draft->request.set_with_details(true);
+        CLI::App* const command = Add(app, "list", "list the reservations", draft, ListReservations);
+        const auto forget_details = [draft] { draft->request.set_with_details(false); };
+        command->add_flag_callback("--keys", forget_details, "keys only, one a line")->excludes("--json");
     }
 
     void AddShow(CLI::App* app) {
-        const auto draft = std::make_shared<Draft<std::string>>();
-        CLI::App* const command = Add(app, "show", "show a reservation in full", draft, ShowReservation);
-        AddText(command, "KEY", "the reservation's key", [draft](const auto& key) {
-            draft->request = key;
-        })->required();
+        const auto draft = std::make_shared<Draft<v1::GetReservationsRequest>>();
+        draft->request.set_with_details(true);
+        AddKey(Add(app, "show", "show a reservation in full", draft, ShowReservation), draft);
     }
 
     void AddApply(CLI::App* app) {
@@ -303,20 +305,20 @@ CommandLine ReadCommandLine(int argc, char** argv) {
     CommandLine line;
     line.connection.address = "unix:/run/reservationd/reservationd.sock";
     CLI::App app(kDescription, "reservationctl");
-    app.footer(kFooter);
     app.set_version_flag("--version", RESERVATIONCTL_VERSION);
-    app.require_subcommand(1);
     AddConnectionOptions(app, line.connection);
     CommandAdder adder(line);
     adder.AddReservationCommands(&app);
     adder.AddJobCommands(&app);
     adder.AddFabricCommands(&app);
+    app.footer(kFooter);    // after the commands, which would take it over
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) std::exit(app.exit(error));
         throw UsageError(error.what());
     }
+    if (!line.command) throw UsageError("the command is missing; see --help");
     return line;
 }
 

@@ -6,7 +6,7 @@
 
 #include "ctl/describe.h"
 #include "ctl/refusal.h"
-#include "ctl/table.h"
+#include "ctl/text.h"
 
 namespace reservationctl {
 
@@ -50,9 +50,8 @@ ExitStatus PrintChange(Client& client, const Request& request, Format format, co
     return ExitStatus::kDone;
 }
 
-template <typename DescribeReservations>
 ExitStatus PrintReservations(Client& client, const v1::GetReservationsRequest& request, Format format,
-                             DescribeReservations describe) {
+                             std::string (*describe)(const v1::ReservationReply& reply)) {
     const v1::ReservationReply reply = client.Call(request);
     if (format == Format::kJson) PrintJson(reply);
     if (reply.status() != v1::STATUS_SUCCESS) {
@@ -63,44 +62,40 @@ ExitStatus PrintReservations(Client& client, const v1::GetReservationsRequest& r
     return ExitStatus::kDone;
 }
 
+std::string DescribeKeys(const v1::ReservationReply& reply) {
+    std::string text;
+    for (const v1::Reservation& reservation : reply.reservations()) text += Printable(reservation.key()) + "\n";
+    return text;
+}
+
+std::string DescribeReservations(const v1::ReservationReply& reply) { return DescribeInTable(reply.reservations()); }
+
+std::string DescribeInFull(const v1::ReservationReply& reply) {
+    std::string text;
+    for (const v1::Reservation& reservation : reply.reservations()) text += Describe(reservation);
+    return text;
+}
+
 }    // namespace
 
 ExitStatus CreateReservation(Client& client, const v1::CreateReservationRequest& request, Format format) {
-    return PrintChange(client, request, format, "created");
+    return PrintChange(client, request, format, "in force");
 }
 
 ExitStatus UpdateReservation(Client& client, const v1::UpdateReservationRequest& request, Format format) {
-    return PrintChange(client, request, format, "updated");
+    return PrintChange(client, request, format, "in force");
 }
 
 ExitStatus DeleteReservation(Client& client, const v1::DeleteReservationRequest& request, Format format) {
     return PrintChange(client, request, format, "deleted");
 }
 
-ExitStatus ListReservations(Client& client, Format format) {
-    v1::GetReservationsRequest request;
-    request.set_with_details(true);
-    return PrintReservations(client, request, format,
-                             [](const auto& reply) { return DescribeInTable(reply.reservations()); });
+ExitStatus ListReservations(Client& client, const v1::GetReservationsRequest& request, Format format) {
+    return PrintReservations(client, request, format, request.with_details() ? DescribeReservations : DescribeKeys);
 }
 
-ExitStatus ListKeys(Client& client) {
-    return PrintReservations(client, {}, Format::kText, [](const v1::ReservationReply& reply) {
-        std::string text;
-        for (const v1::Reservation& reservation : reply.reservations()) text += Printable(reservation.key()) + "\n";
-        return text;
-    });
-}
-
-ExitStatus ShowReservation(Client& client, const std::string& key, Format format) {
-    v1::GetReservationsRequest request;
-    request.set_key(key);
-    request.set_with_details(true);
-    return PrintReservations(client, request, format, [](const v1::ReservationReply& reply) {
-        std::string text;
-        for (const v1::Reservation& reservation : reply.reservations()) text += Describe(reservation);
-        return text;
-    });
+ExitStatus ShowReservation(Client& client, const v1::GetReservationsRequest& request, Format format) {
+    return PrintReservations(client, request, format, DescribeInFull);
 }
 
 ExitStatus BeginJob(Client& client, const v1::BeginJobRequest& request, Format format) {

@@ -3,8 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
-#include <vector>
 
 #include "ctl/client.h"
 #include "ctl/errors.h"
@@ -20,9 +18,11 @@ enum class Format { kText, kJson };
 ExitStatus CreateReservation(Client& client, const reservation::v1::CreateReservationRequest& request, Format format);
 ExitStatus UpdateReservation(Client& client, const reservation::v1::UpdateReservationRequest& request, Format format);
 ExitStatus DeleteReservation(Client& client, const reservation::v1::DeleteReservationRequest& request, Format format);
-ExitStatus ListReservations(Client& client, Format format);
-ExitStatus ListKeys(Client& client);
-ExitStatus ShowReservation(Client& client, const std::string& key, Format format);
+
+// In words, one line for each: without details, its key alone.
+ExitStatus ListReservations(Client& client, const reservation::v1::GetReservationsRequest& request, Format format);
+ExitStatus ShowReservation(Client& client, const reservation::v1::GetReservationsRequest& request, Format format);
+
 ExitStatus BeginJob(Client& client, const reservation::v1::BeginJobRequest& request, Format format);
 ExitStatus EndJob(Client& client, const reservation::v1::EndJobRequest& request, Format format);
 ExitStatus ListJobs(Client& client, const reservation::v1::ListJobsRequest& request, Format format);

@@ -6,6 +6,7 @@
 
 #include "ctl/guid_list.h"
 #include "ctl/table.h"
+#include "ctl/text.h"
 
 namespace reservationctl {
 

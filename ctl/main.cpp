@@ -6,7 +6,7 @@
 #include "ctl/client.h"
 #include "ctl/command_line.h"
 #include "ctl/errors.h"
-#include "ctl/table.h"
+#include "ctl/text.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "ctl/describe.h"
 #include "ctl/guid_list.h"
-#include "ctl/table.h"
+#include "ctl/text.h"
 
 namespace reservationctl {
 

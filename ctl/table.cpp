@@ -1,7 +1,6 @@
 #include "ctl/table.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace reservationctl {
 namespace {
@@ -41,13 +40,6 @@ std::string Table::ToString() const {
     if (has_titles) append(titles);
     for (const auto& row : rows_) append(row);
     return text;
-}
-
-std::string Printable(std::string_view text) {
-    const auto is_control = [](char byte) { return (byte >= '\0' && byte < ' ') || byte == '\x7f'; };
-    std::string printable;
-    std::replace_copy_if(text.begin(), text.end(), std::back_inserter(printable), is_control, '?');
-    return printable;
 }
 
 }    // namespace reservationctl

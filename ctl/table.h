@@ -4,7 +4,7 @@
 
 #include <cstddef>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace reservationctl {
@@ -31,8 +31,5 @@ private:
     std::vector<Column> columns_;
     std::vector<std::vector<std::string>> rows_;
 };
-
-// The text with its control characters turned into '?', so that no key or reason can take over the terminal.
-std::string Printable(std::string_view text);
 
 }    // namespace reservationctl

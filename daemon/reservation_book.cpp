@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <iterator>
 #include <stdexcept>
-#include <string_view>
 #include <utility>
 
 #include "daemon/conflict.h"
@@ -226,20 +225,22 @@ template <typename RequestMessage>
 void ReservationBook::DryRun(void (ReservationBook::*operation)(const RequestMessage&, v1::ReservationReply*),
                              const RequestMessage& request, const google::protobuf::RepeatedField<uint64_t>& guids,
                              v1::ReservationReply* reply) {
-    std::map<std::string_view, const ReservationInfo*> concerned;
-    const auto add = [&concerned](const ReservationInfo* info) {
-        if (info != nullptr) concerned.emplace(info->info.reservation_key, info);
-    };
-    add(manager_.GetReservationInfoByKey(request.key()));
-    for (const uint64_t guid : guids) add(OwnerOf(guid));
+    std::map<std::string, const ReservationInfo*> concerned = {
+        {request.key(), manager_.GetReservationInfoByKey(request.key())}};
+    for (const uint64_t guid : guids) {
+        const ReservationInfo* const owner = OwnerOf(guid);
+        if (owner != nullptr) concerned.emplace(owner->info.reservation_key, owner);
+    }
 
     OptionInfo options = options_;
     options.persistent_dir = "/dev/null";    // no file can be written in there
     ReservationBook copy(options, {});
     for (const auto& [key, info] : concerned) {
-        for (const auto& [job_id, job] : info->jobs)
-            copy.InsertJob(std::make_unique<Job>(jobs_.at(job_id)->description));
-        copy.Restore({Pack(info->info), info->reservation_id});
+        const auto jobs = jobs_by_key_.find(key);
+        if (jobs != jobs_by_key_.end()) {
+            for (const auto& [job_id, job] : jobs->second) copy.InsertJob(std::make_unique<Job>(job->description));
+        }
+        if (info != nullptr) copy.Restore({Pack(info->info), info->reservation_id});
     }
     RequestMessage real_request = request;
     real_request.set_dry_run(false);

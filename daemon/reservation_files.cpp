@@ -69,6 +69,31 @@ void Rename(const std::string& from, const std::string& to) {
     }
 }
 
+// The number of bytes of the character at the start of the text, which is not empty; 0 when it is not UTF-8.
+size_t LengthOfCharacter(std::string_view text) {
+    const auto byte = [text](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
+    const unsigned lead = byte(0);
+    if (lead < 0x80) return 1;
+    const size_t length = lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
+    if (lead < 0xc2 || lead > 0xf4) return 0;
+    for (size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xc0) != 0x80) return 0;
+    }
+    // Neither longer than need be, nor half a surrogate pair, nor beyond the last character.
+    const bool is_wrong = (lead == 0xe0 && byte(1) < 0xa0) || (lead == 0xed && byte(1) >= 0xa0) ||
+                          (lead == 0xf0 && byte(1) < 0x90) || (lead == 0xf4 && byte(1) >= 0x90);
+    return is_wrong ? 0 : length;
+}
+
+bool IsUtf8(std::string_view text) {
+    while (!text.empty()) {
+        const size_t length = LengthOfCharacter(text);
+        if (length == 0) return false;
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
 bool IsControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }
 
 }    // namespace
@@ -76,6 +101,7 @@ bool IsControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7
 std::string FaultOfKey(std::string_view key) {
     if (key.find('/') != std::string_view::npos) return "contains a slash";
     if (std::any_of(key.begin(), key.end(), IsControl)) return "contains a control character";
+    if (!IsUtf8(key)) return "is not UTF-8";
     constexpr size_t kMaxKeyLength = kMaxFileNameLength - kPrefix.size();
     if (key.size() <= kMaxKeyLength) return "";
     return "has " + std::to_string(key.size()) + " bytes, a file name holds " + std::to_string(kMaxKeyLength);
@@ -101,21 +127,28 @@ void ReservationFiles::PrepareToLoad(
     for (const std::string& name : names) {
         const std::string path = dir_ + "/" + name;
         const std::optional<std::string> key = read_key(path);
-        if (!key || name.substr(kPrefix.size()) == *key) continue;
-        Rehouse(path, name, *key, FaultOfKey(*key).empty() && !stored_keys.contains(*key) && !fs::exists(PathOf(*key)));
+        if (!key) continue;
+        const std::string fault = FaultOfKey(*key);
+        if (!fault.empty()) {
+            SetAside(name, "its key " + fault);
+        } else if (PathOf(*key) == path) {
+            continue;
+        } else if (stored_keys.contains(*key) || fs::exists(PathOf(*key))) {
+            SetAside(name, "it holds " + *key + ", which has a file of its own");
+        } else {
+            WriteLog(kLogWarning, "Reservation file " + path + " holds " + *key + ". It is renamed to " + PathOf(*key));
+            fs::rename(path, PathOf(*key));
+        }
     }
 }
 
-void ReservationFiles::Rehouse(const std::string& path, const std::string& name, const std::string& key, bool is_free) {
+void ReservationFiles::SetAside(const std::string& name, const std::string& reason) {
     const std::string ignored_dir = dir_ + "/ignored";
-    std::string new_path = PathOf(key);
-    if (!is_free) {
-        fs::create_directory(ignored_dir);
-        for (new_path = ignored_dir + "/" + name; fs::exists(new_path);) new_path += "~";
-    }
-    WriteLog(kLogWarning, "Reservation file " + path + " holds another reservation, " + key + ". It is renamed to " +
-                              new_path + (is_free ? "" : ", and not loaded"));
-    fs::rename(path, new_path);
+    fs::create_directory(ignored_dir);
+    std::string new_path = ignored_dir + "/" + name;
+    while (fs::exists(new_path)) new_path += "~";
+    WriteLog(kLogWarning, "Reservation file " + dir_ + "/" + name + " is moved to " + new_path + ": " + reason);
+    fs::rename(dir_ + "/" + name, new_path);
 }
 
 bool ReservationFiles::Holds(const std::string& key, const std::optional<std::string>& record) const {

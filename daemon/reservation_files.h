@@ -23,18 +23,17 @@ public:
     void EmptyStaging();
 
     // Before the manager loads the directory: gives each good file the name that its record's key asks for, so that a
-    // later deletion finds it. One whose name is taken, by another file or by one of `stored_keys`, or whose key no
-    // file name can hold, is set aside in the directory "ignored". `read_key` reads the key from the file with this
-    // path, or nothing when the file is damaged.
+    // later deletion finds it. One whose name is taken, by another file or by one of `stored_keys`, or whose key
+    // clients could not use (see FaultOfKey), is set aside in the directory "ignored". `read_key` reads the key from
+    // the file with this path, or nothing when the file is damaged.
     void PrepareToLoad(const std::set<std::string>& stored_keys,
                        const std::function<std::optional<std::string>(const std::string& path)>& read_key);
 
     // Whether the key's file holds exactly this; without a record, whether there is no file.
     bool Holds(const std::string& key, const std::optional<std::string>& record) const;
 
-    // Makes it so. At no moment is there a partial one. Most often the manager
-    // has staged the same. Throws std::system_error, which names
-    // the file.
+    // Makes the key's file so. At no moment is there a partial one. What the manager has staged is used if it is this
+    // record, as it mostly is. Throws std::system_error, which names the file.
     void Write(const std::string& key, const std::optional<std::string>& record);
 
     // Returns when the files of these keys, or their absence, survive the end of the machine's power.
@@ -42,13 +41,13 @@ public:
 
 private:
     std::string PathOf(const std::string& key) const;
-    void Rehouse(const std::string& path, const std::string& name, const std::string& key, bool is_free);
+    void SetAside(const std::string& name, const std::string& reason);
 
     std::string dir_;
     std::string staging_dir_;
 };
 
-// Why no file name can hold this key, as a sentence's end ("has 250 bytes, ..."), or "".
+// Why no file name or no message can hold this key, as the end of a sentence ("contains a slash"), or "".
 std::string FaultOfKey(std::string_view key);
 
 }    // namespace reservationd

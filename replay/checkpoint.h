@@ -7,7 +7,7 @@
 #include <string>
 
 #include "replay/recorder.h"
-#include "replay/replay.h"
+#include "replay/replay_state.h"
 #include "replay/settings.h"
 
 struct Checkpoint {

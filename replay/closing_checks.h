@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "replay/in_process_service.h"
-#include "replay/replay.h"
+#include "replay/replay_state.h"
+#include "replay/replay_target.h"
 
 // The checks that fail after the last job ended, a line each.
-std::vector<std::string> FailedChecks(const ReplayState& state, const InProcessService& service);
+std::vector<std::string> FailedChecks(const ReplayState& state, const ReplayTarget& target);

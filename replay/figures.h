@@ -33,6 +33,7 @@ struct Figures {
     double seconds = 0;    // that the replay took
 
     uint64_t Refused() const;    // jobs
+    uint64_t Handled() const { return replayed + Refused(); }
     uint64_t Operations() const;    // of all kinds
 };
 

@@ -23,43 +23,7 @@ std::unique_ptr<VeskJob> MakeJob(const JobRequest& request) {
 
 uint32_t Count(const std::vector<uint64_t>& guids) { return static_cast<uint32_t>(guids.size()); }
 
-// "3 reservations are left" for a count that should be 0.
-void ExpectNone(std::vector<std::string>& failed, uint64_t count, const std::string& what) {
-    if (count != 0) failed.push_back(std::to_string(count) + " " + what);
-}
-
 }    // namespace
-
-std::string StatusName(uint32_t status) {
-    switch (status) {
-        case VESK_STATUS_SUCCESS:
-            return "success";
-        case VESK_STATUS_DUPLICATE_GUID:
-            return "duplicate_guid";
-        case VESK_STATUS_GUID_RESERVED:
-            return "guid_reserved";
-        case VESK_STATUS_INVALID_KEY:
-            return "invalid_key";
-        case VESK_STATUS_INVALID_GUIDS:
-            return "invalid_guids";
-        case VESK_STATUS_NOT_FOUND:
-            return "not_found";
-        case VESK_STATUS_HAS_JOBS:
-            return "has_jobs";
-        case VESK_STATUS_MODE_DISABLED:
-            return "mode_disabled";
-        case VESK_STATUS_PKEY_MISMATCH:
-            return "pkey_mismatch";
-        case VESK_STATUS_LIMITS_MISMATCH:
-            return "limits_mismatch";
-        case VESK_STATUS_GUIDS_USED_BY_JOB:
-            return "guids_used_by_job";
-        case ReservationService::kNoReply:
-            return "no_reply";
-        default:
-            return "status_" + std::to_string(status);
-    }
-}
 
 std::vector<std::string> ReservationFilesIn(const std::string& dir) {
     std::vector<std::string> names;
@@ -155,8 +119,8 @@ JobVerdict InProcessService::BeginJob(const JobRequest& request) {
         return {.status = VESK_STATUS_NOT_FOUND};
     }
     const JobResource resource{.requested_trees = static_cast<uint16_t>(request.planes * request.trees)};
-    const int refusal = manager_.ValidateReservationResources(reservation, resource, job.get());
-    if (refusal != 0) return {.status = static_cast<uint32_t>(refusal)};
+    if (manager_.ValidateReservationResources(reservation, resource, job.get()) != 0)
+        return {.status = kLimitsExceeded};
 
     job->ext_job_id.reservation_id = reservation->reservation_id;
     manager_.AddJob(reservation, job.get());

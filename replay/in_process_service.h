@@ -10,12 +10,13 @@
 #include "host/option_info.h"
 #include "replay/job_table.h"
 #include "replay/recorder.h"
+#include "replay/replay_target.h"
 #include "replay/reservation_service.h"
 #include "reservation/reservation_manager.h"
 
 // It stands in for the daemon: it sets the daemon's globals and the log's sink and level, and gives them back when it
 // is destroyed. One at a time.
-class InProcessService : public ReservationService {
+class InProcessService : public ReservationService, public ReplayTarget {
 public:
     InProcessService(OptionInfo options, int log_level);
     InProcessService(const InProcessService&) = delete;
@@ -36,12 +37,12 @@ public:
     uint32_t EndJob(uint64_t job_id) override;
     uint32_t ReportPkeys(uint64_t guid, const std::set<uint16_t>& pkeys) override;
 
-    // What must not be when all jobs have ended, a line each: anything that is left, or went wrong on the way.
-    std::vector<std::string> FailedChecks() const;
+    std::vector<ReservationService*> Clients() override { return {this}; }
+    std::vector<std::string> FailedChecks() const override;
+    Recorded recorded() const override;
 
-    // What the manager told the daemon while it started up, and from then on.
+    // What the manager told the daemon while it started up. The rest is in recorded().
     const Recorded& recorded_at_start_up() const { return recorder_.start_up; }
-    Recorded recorded() const;
 
     // Goes on counting from what an earlier process recorded. Before StartUp.
     void SetRecorded(const Recorded& recorded);

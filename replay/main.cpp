@@ -20,8 +20,8 @@ constexpr const char* kDescription =
     "starts and shrinks when it ends. The report goes to standard output.";
 
 constexpr const char* kFooter =
-    "Exit status: 0 when all went as it must, 1 when something is left or went wrong, 2 when the trace or an option\n"
-    "cannot be used.\n\n"
+    "Exit status: 0 when all went as it must, 1 when something is left or went wrong, 2 when the trace, an option or\n"
+    "the daemon cannot be used.\n\n"
     "Examples:\n"
     "  reservation-replay --svg chart.svg examples/nasa-ipsc-1993-week.swf\n"
     "  reservation-replay --auto-by-pkeys --per group examples/nasa-ipsc-1993-week.swf\n"
@@ -87,6 +87,29 @@ void AddRunOptions(CLI::App& app, RunOptions& options) {
         ->needs(dir);
 }
 
+void AddConnectOptions(CLI::App& app, Connection& connection) {
+    if (!kCanConnect) return;
+    CLI::Option* connect = app.add_option("--connect", connection.address,
+                                          "replay through the daemon at this address, unix:PATH or host:port; it must "
+                                          "have no\nreservations, and its own options hold")
+                               ->type_name("ADDRESS")
+                               ->check([](const std::string& address) { return address.empty() ? "is empty" : ""; });
+    for (const char* option :
+         {"--persistent-dir", "--stop-after", "--resume", "--log-level", "--default-num-trees", "--max-jobs-per-hca"}) {
+        connect->excludes(app.get_option(option));
+    }
+    const auto add = [&](const char* name, auto& value, const char* help) {
+        return app.add_option(name, value, help)->needs(connect);
+    };
+    add("--clients", connection.clients,
+        "connections that owners' operations go through at once, 1 to 1024; default: 1")
+        ->check(Between(1u, 1024u))
+        ->type_name("N");
+    add("--tls-ca", connection.tls_ca, "PEM file: what signs the daemon's certificate")->type_name("FILE");
+    add("--tls-cert", connection.tls_certificate, "PEM file: the certificate to show to the daemon")->type_name("FILE");
+    add("--tls-key", connection.tls_key, "PEM file: the key of that certificate")->type_name("FILE");
+}
+
 // The names of the settings that the user gave, as Settings names them.
 std::set<std::string> GivenSettings(const CLI::App& app) {
     std::set<std::string> names;
@@ -108,6 +131,7 @@ int main(int argc, char** argv) try {
     app.set_version_flag("--version", REPLAY_VERSION);
     AddRunOptions(app, options);
     AddSettings(app, options.settings);
+    AddConnectOptions(app, options.connection);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

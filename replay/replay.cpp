@@ -2,35 +2,16 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
+#include <functional>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
 
 namespace {
-
-constexpr uint16_t kDefaultPkey = 0xffff;
 
 // Full members' pkeys, the default one excepted. All are smaller than that one, which every port carries too.
 constexpr uint16_t kFirstPkey = 0x8001;
 constexpr uint16_t kLastPkey = 0xfffe;
-
-// The key that the manager gives the reservation that it makes by itself for a pkey.
-std::string AutomaticReservationKey(uint16_t pkey) {
-    char key[sizeof("reservation_0xffff")];
-    std::snprintf(key, sizeof(key), "reservation_0x%x", unsigned{pkey});
-    return key;
-}
-
-// The pkeys that a port of an owner with this pkey carries.
-std::set<uint16_t> PortPkeys(uint16_t pkey) { return {pkey, kDefaultPkey}; }
-
-// GUID of the HCA with this index. The second-lowest bit of the first byte marks addresses that are administered
-// locally: no HCA was ever made with one.
-uint64_t HcaGuid(uint32_t hca) { return 0x0200'0000'0000'0001 + hca; }
-
-std::vector<uint64_t> Guids(const std::vector<uint32_t>& hcas) {
-    std::vector<uint64_t> guids(hcas.size());
-    std::transform(hcas.begin(), hcas.end(), guids.begin(), HcaGuid);
-    return guids;
-}
 
 ReplayState StartOf(const Workload& workload) {
     ReplayState state;
@@ -39,9 +20,17 @@ ReplayState StartOf(const Workload& workload) {
     return state;
 }
 
-std::string VerdictName(uint32_t status) {
-    if (status == VESK_ADMISSION_REFUSED) return "limits_exceeded";
-    return StatusName(status);
+// The jobs of each owner, in their order; the owners in the order of their first jobs.
+template <typename Job>
+std::vector<std::vector<Job*>> GroupByOwner(std::vector<Job>& jobs) {
+    std::vector<std::vector<Job*>> groups;
+    std::unordered_map<std::string_view, size_t> group_of_owner;
+    for (Job& job : jobs) {
+        const auto [group, is_new] = group_of_owner.try_emplace(job.owner, groups.size());
+        if (is_new) groups.emplace_back();
+        groups[group->second].push_back(&job);
+    }
+    return groups;
 }
 
 bool SameUse(const Usage& a, const Usage& b) {
@@ -50,8 +39,9 @@ bool SameUse(const Usage& a, const Usage& b) {
 
 }    // namespace
 
-Replay::Replay(const Workload& workload, const Settings& settings, ReservationService& service, ReplayState state)
-    : workload_(workload), settings_(settings), service_(service), state_(std::move(state)) {
+Replay::Replay(const Workload& workload, const Settings& settings, const std::vector<ReservationService*>& clients,
+               ReplayState state)
+    : workload_(workload), settings_(settings), clients_(clients), state_(std::move(state)) {
     for (uint32_t hca = 0; hca < settings_.hcas; ++hca) free_hcas_.insert(free_hcas_.end(), hca);
     for (uint32_t pkey = kFirstPkey; pkey <= kLastPkey; ++pkey) {
         free_pkeys_.insert(free_pkeys_.end(), static_cast<uint16_t>(pkey));
@@ -62,8 +52,8 @@ Replay::Replay(const Workload& workload, const Settings& settings, ReservationSe
     for (const auto& [name, owner] : state_.owners) free_pkeys_.erase(owner.pkey);
 }
 
-Replay::Replay(const Workload& workload, const Settings& settings, ReservationService& service)
-    : Replay(workload, settings, service, StartOf(workload)) {}
+Replay::Replay(const Workload& workload, const Settings& settings, const std::vector<ReservationService*>& clients)
+    : Replay(workload, settings, clients, StartOf(workload)) {}
 
 bool Replay::Run(uint64_t stop_after, const Progress& progress) {
     const auto start = std::chrono::steady_clock::now();
@@ -75,9 +65,10 @@ bool Replay::Run(uint64_t stop_after, const Progress& progress) {
 std::vector<StoredJob> Replay::RunningJobs() const {
     std::vector<StoredJob> jobs;
     for (const auto& [end, job] : state_.running) {
-        jobs.push_back({.request = MakeRequest(job.id, job.owner, job.hcas),
+        const Owner& owner = state_.owners.at(job.owner);
+        jobs.push_back({.request = MakeRequest(job, owner, settings_),
                         .reservation_id = job.reservation_id,
-                        .pkeys = PortPkeys(state_.owners.at(job.owner).pkey)});
+                        .pkeys = PortPkeys(owner.pkey)});
     }
     return jobs;
 }
@@ -86,7 +77,7 @@ bool Replay::RunUntil(uint64_t stop_after, const Progress& progress) {
     do {
         if (!StartWaitingJobs(stop_after)) return false;
         NoteUsage();
-        progress(state_.figures.replayed + state_.figures.Refused(), state_.now);
+        progress(state_.figures.Handled(), state_.now);
     } while (GoToNextChange());
     return true;
 }
@@ -94,15 +85,13 @@ bool Replay::RunUntil(uint64_t stop_after, const Progress& progress) {
 // Starts the jobs that fit, first come first served. False when the replay is to stop.
 bool Replay::StartWaitingJobs(uint64_t stop_after) {
     const Figures& figures = state_.figures;
-    while (!state_.waiting.empty()) {
-        const WorkloadJob& job = workload_.jobs[state_.waiting.front()];
-        if (job.hcas > free_hcas_.size()) return true;
-        state_.waiting.pop_front();
-        StartJob(job);
-        const bool is_enough = stop_after != 0 && figures.replayed + figures.Refused() >= stop_after;
+    while (true) {
+        const uint64_t handled = figures.Handled();
+        StartJobs(TakeFittingJobs(stop_after > handled ? stop_after - handled : stop_after == 0 ? SIZE_MAX : 1));
+        if (figures.Handled() == handled) return true;
+        const bool is_enough = stop_after != 0 && figures.Handled() >= stop_after;
         if (is_enough && !state_.running.empty()) return false;
     }
-    return true;
 }
 
 // Goes to the next moment at which jobs end or arrive. False when there is none.
@@ -117,129 +106,107 @@ bool Replay::GoToNextChange() {
         state_.now = state_.running.begin()->first.first;
         if (is_arrival_left) state_.now = std::min(state_.now, jobs[state_.next_arrival].arrival);
     }
-    while (!state_.running.empty() && state_.running.begin()->first.first <= state_.now) EndFirstJob();
+    EndJobs();
     while (state_.next_arrival < jobs.size() && jobs[state_.next_arrival].arrival <= state_.now) {
         state_.waiting.push_back(state_.next_arrival++);
     }
     return true;
 }
 
-void Replay::StartJob(const WorkloadJob& job) {
+// Takes at most this many waiting jobs that can be started together, with their HCAs and their owners' pkeys.
+std::vector<Replay::StartingJob> Replay::TakeFittingJobs(size_t most) {
+    std::vector<StartingJob> jobs;
+    while (!state_.waiting.empty() && jobs.size() < most) {
+        const WorkloadJob& job = workload_.jobs[state_.waiting.front()];
+        if (job.hcas > free_hcas_.size()) break;
+        const bool has_pkey = state_.owners.contains(job.owner) || !free_pkeys_.empty();
+        if (!has_pkey && !jobs.empty()) break;    // one that is refused gives its pkey back
+        state_.waiting.pop_front();
+        NoteWait(job);
+        if (!has_pkey) {
+            ++state_.figures.refused["no free pkey for another owner"];
+            break;
+        }
+        jobs.push_back(Equip(job));
+    }
+    return jobs;
+}
+
+// Gives the job the lowest free HCAs, and its owner a pkey if it has none.
+Replay::StartingJob Replay::Equip(const WorkloadJob& job) {
+    const auto first_left = std::next(free_hcas_.begin(), job.hcas);
+    std::vector<uint32_t> hcas(free_hcas_.begin(), first_left);
+    free_hcas_.erase(free_hcas_.begin(), first_left);
+    const auto [owner, is_new] = state_.owners.try_emplace(job.owner);
+    if (is_new) owner->second.pkey = free_pkeys_.extract(free_pkeys_.begin()).value();
+    return {{.id = job.id, .owner = job.owner, .hcas = std::move(hcas)}, job.run_time, {}};
+}
+
+// Takes back what a job had that is over or was refused.
+void Replay::GiveBack(const RunningJob& job) {
+    free_hcas_.insert(job.hcas.begin(), job.hcas.end());
+    const auto owner = state_.owners.find(job.owner);
+    if (owner == state_.owners.end() || owner->second.num_hcas != 0) return;
+    free_pkeys_.insert(owner->second.pkey);
+    state_.owners.erase(owner);
+}
+
+void Replay::StartJobs(std::vector<StartingJob> jobs) {
+    RunByOwner(jobs, [](OwnerSession& session, StartingJob& job) { job.refusal = session.Start(job); });
+    Figures& figures = state_.figures;
+    for (StartingJob& job : jobs) {
+        if (!job.refusal.empty()) {
+            ++figures.refused[job.refusal];
+            GiveBack(job);
+            continue;
+        }
+        ++figures.replayed;
+        const ReplayState::EndKey end(state_.now + job.run_time, figures.replayed);
+        state_.running.emplace(end, static_cast<RunningJob&&>(job));
+    }
+    NotePeaks();
+}
+
+// Ends the jobs whose time has come.
+void Replay::EndJobs() {
+    std::vector<RunningJob> jobs;
+    while (!state_.running.empty() && state_.running.begin()->first.first <= state_.now) {
+        jobs.push_back(std::move(state_.running.extract(state_.running.begin()).mapped()));
+    }
+    RunByOwner(jobs, &OwnerSession::End);
+    for (const RunningJob& job : jobs) GiveBack(job);
+}
+
+// Calls `act` with a session of its owner and each job, and waits for all.
+template <typename Job, typename Action>
+void Replay::RunByOwner(std::vector<Job>& jobs, const Action& act) {
+    const std::vector<std::vector<Job*>> groups = GroupByOwner(jobs);
+    std::vector<std::vector<Operation>> operations(groups.size());
+    std::vector<ClientPool::Task> tasks;
+    for (size_t i = 0; i < groups.size(); ++i) {
+        tasks.push_back([&, i](ReservationService& client) {
+            OwnerSession session(settings_, state_.owners.at(groups[i].front()->owner), client);
+            for (Job* job : groups[i]) std::invoke(act, session, *job);
+            operations[i] = session.operations();
+        });
+    }
+    clients_.Run(std::move(tasks));
+    for (const std::vector<Operation>& of_owner : operations) Count(of_owner);
+}
+
+void Replay::Count(const std::vector<Operation>& operations) {
+    for (const Operation& operation : operations) {
+        ++state_.figures.operations[operation.kind][operation.status];
+        latencies_[operation.kind].push_back(operation.seconds);
+    }
+}
+
+void Replay::NoteWait(const WorkloadJob& job) {
     Figures& figures = state_.figures;
     const int64_t wait = state_.now - job.arrival;
     if (wait > 0) ++figures.waited;
     figures.total_wait += wait;
     figures.longest_wait = std::max(figures.longest_wait, wait);
-
-    const std::vector<uint32_t> hcas = TakeLowestHcas(job.hcas);
-    const std::string refusal = Reserve(job.owner, hcas);
-    if (!refusal.empty()) {
-        ++figures.refused[refusal];
-        free_hcas_.insert(hcas.begin(), hcas.end());
-        return;
-    }
-    NotePeaks();
-
-    const JobVerdict verdict = service_.BeginJob(MakeRequest(job.id, job.owner, hcas));
-    const std::string outcome = VerdictName(verdict.status);
-    ++figures.operations["job_start"][outcome];
-    if (verdict.status != 0) {
-        ++figures.refused["job_start: " + outcome];
-        Release(job.owner, hcas);
-        return;
-    }
-    ++figures.replayed;
-    state_.running.emplace(ReplayState::EndKey(state_.now + job.run_time, figures.replayed),
-                           RunningJob{job.id, job.owner, hcas, verdict.reservation_id});
-    NotePeaks();
-}
-
-void Replay::EndFirstJob() {
-    const RunningJob job = std::move(state_.running.begin()->second);
-    state_.running.erase(state_.running.begin());
-    Count("job_end", service_.EndJob(job.id));
-    Release(job.owner, job.hcas);
-}
-
-std::vector<uint32_t> Replay::TakeLowestHcas(uint32_t count) {
-    const auto first_left = std::next(free_hcas_.begin(), count);
-    std::vector<uint32_t> hcas(free_hcas_.begin(), first_left);
-    free_hcas_.erase(free_hcas_.begin(), first_left);
-    return hcas;
-}
-
-// Puts the HCAs into the owner's reservation. Returns why that was refused; nothing when it was not.
-std::string Replay::Reserve(const std::string& name, const std::vector<uint32_t>& hcas) {
-    const auto [position, is_new] = state_.owners.try_emplace(name);
-    Owner& owner = position->second;
-    if (is_new) {
-        if (free_pkeys_.empty()) {
-            state_.owners.erase(position);
-            return "no free pkey for another owner";
-        }
-        owner.pkey = free_pkeys_.extract(free_pkeys_.begin()).value();
-    }
-
-    const char* kind = settings_.auto_by_pkeys ? "pkey_report" : is_new ? "create" : "update";
-    uint32_t status = 0;
-    if (settings_.auto_by_pkeys) {
-        status = ReportPkeys(hcas, PortPkeys(owner.pkey));
-    } else if (is_new) {
-        status = Count(kind, service_.CreateReservation(name, owner.pkey, Guids(hcas), settings_.num_trees));
-    } else {
-        status = Count(kind, service_.UpdateReservation(name, Guids(hcas), {}));
-    }
-    if (status != 0) {
-        if (is_new) Forget(position);
-        return kind + (": " + StatusName(status));
-    }
-    owner.num_hcas += static_cast<uint32_t>(hcas.size());
-    return {};
-}
-
-// Takes the HCAs out of the owner's reservation, which goes with the last one, and frees them.
-void Replay::Release(const std::string& name, const std::vector<uint32_t>& hcas) {
-    const auto position = state_.owners.find(name);
-    Owner& owner = position->second;
-    owner.num_hcas -= static_cast<uint32_t>(hcas.size());
-    if (settings_.auto_by_pkeys) {
-        ReportPkeys(hcas, {});
-    } else if (owner.num_hcas == 0) {
-        Count("delete", service_.DeleteReservation(name));
-    } else {
-        Count("update", service_.UpdateReservation(name, {}, Guids(hcas)));
-    }
-    if (owner.num_hcas == 0) Forget(position);
-    free_hcas_.insert(hcas.begin(), hcas.end());
-}
-
-void Replay::Forget(std::map<std::string, Owner>::iterator owner) {
-    free_pkeys_.insert(owner->second.pkey);
-    state_.owners.erase(owner);
-}
-
-JobRequest Replay::MakeRequest(uint64_t job_id, const std::string& owner, const std::vector<uint32_t>& hcas) const {
-    const uint16_t pkey = state_.owners.at(owner).pkey;
-    return {.job_id = job_id,
-            .reservation_key = settings_.auto_by_pkeys ? AutomaticReservationKey(pkey) : owner,
-            .guids = Guids(hcas),
-            .planes = settings_.planes,
-            .trees = settings_.trees};
-}
-
-uint32_t Replay::Count(const char* kind, uint32_t status) {
-    ++state_.figures.operations[kind][StatusName(status)];
-    return status;
-}
-
-// Reports the same pkeys for the ports of all these HCAs. Returns the first status that is not 0, if there is one.
-uint32_t Replay::ReportPkeys(const std::vector<uint32_t>& hcas, const std::set<uint16_t>& pkeys) {
-    uint32_t first_failure = 0;
-    for (const uint32_t hca : hcas) {
-        const uint32_t status = Count("pkey_report", service_.ReportPkeys(HcaGuid(hca), pkeys));
-        if (first_failure == 0) first_failure = status;
-    }
-    return first_failure;
 }
 
 Usage Replay::CurrentUsage() const {

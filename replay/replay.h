@@ -3,99 +3,79 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
-#include <map>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "replay/figures.h"
+#include "replay/client_pool.h"
+#include "replay/latency.h"
+#include "replay/owner_session.h"
+#include "replay/replay_state.h"
 #include "replay/reservation_service.h"
 #include "replay/settings.h"
 #include "replay/workload.h"
 
-// Whoever has a reservation: a user, a group or a job of the trace.
-struct Owner {
-    uint16_t pkey = 0;
-    uint32_t num_hcas = 0;
-};
-
-struct RunningJob {
-    uint64_t id = 0;
-    std::string owner;
-    std::vector<uint32_t> hcas;
-    uint64_t reservation_id = 0;
-};
-
-// What is in use from a moment on.
-struct Usage {
-    int64_t time = 0;    // seconds since the start of the trace
-    uint64_t hcas = 0;
-    uint64_t reservations = 0;
-    uint64_t trees = 0;
-};
-
-// All that a replay needs to go on from where it is.
-struct ReplayState {
-    // When a job ends, and its place in the order of the starts: jobs that end together end in that order.
-    using EndKey = std::pair<int64_t, uint64_t>;
-
-    int64_t now = 0;
-    size_t next_arrival = 0;    // index of the next job of the workload to arrive
-    std::deque<size_t> waiting;    // indices of the jobs that wait for HCAs
-    std::map<EndKey, RunningJob> running;
-    std::map<std::string, Owner> owners;    // those that have a reservation
-    Figures figures;
-    std::vector<Usage> usage;    // by time, one where something changes
-};
-
+// At each moment of the trace first the jobs that end, then those that start, go to the clients: the jobs of one owner
+// in order to one of them, those of different owners at once. So the figures do not depend on how many clients there
+// are, and HCAs are given back before they are taken again.
 class Replay {
 public:
     // Called with the jobs that have started or been refused, and the time in the trace.
     using Progress = std::function<void(size_t, int64_t)>;
 
-    // The workload, the settings and the service must outlive the replay. `state` belongs to the same workload and
-    // settings; what it has running is running in the service.
-    Replay(const Workload& workload, const Settings& settings, ReservationService& service, ReplayState state);
+    // The workload, the settings and the clients, at least one, must outlive the replay. `state` belongs to the same
+    // workload and settings; what it has running is running in the service.
+    Replay(const Workload& workload, const Settings& settings, const std::vector<ReservationService*>& clients,
+           ReplayState state);
 
     // A replay from the start.
-    Replay(const Workload& workload, const Settings& settings, ReservationService& service);
+    Replay(const Workload& workload, const Settings& settings, const std::vector<ReservationService*>& clients);
 
     // Goes on until all jobs have ended, and returns true. With `stop_after` other than 0 it returns false as soon as
-    // that many jobs have started or been refused, if one is running then, and may be called again.
+    // that many jobs have started or been refused, if one is running then, and may be called again. Throws what the
+    // service throws; the replay cannot go on then.
     bool Run(uint64_t stop_after, const Progress& progress);
 
     const ReplayState& state() const { return state_; }
+
+    // Of the operations that this object carried out.
+    const Latencies& latencies() const { return latencies_; }
 
     // The jobs of a stopped replay, for the service that is to take them back.
     std::vector<StoredJob> RunningJobs() const;
 
 private:
+    struct StartingJob : RunningJob {
+        int64_t run_time = 0;
+        std::string refusal;    // why it was refused; empty: it was not
+    };
+
     bool RunUntil(uint64_t stop_after, const Progress& progress);
     bool StartWaitingJobs(uint64_t stop_after);
     bool GoToNextChange();
-    void StartJob(const WorkloadJob& job);
-    void EndFirstJob();
+    std::vector<StartingJob> TakeFittingJobs(size_t most);
+    StartingJob Equip(const WorkloadJob& job);
+    void GiveBack(const RunningJob& job);
+    void StartJobs(std::vector<StartingJob> jobs);
+    void EndJobs();
 
-    std::vector<uint32_t> TakeLowestHcas(uint32_t count);
-    std::string Reserve(const std::string& name, const std::vector<uint32_t>& hcas);
-    void Release(const std::string& name, const std::vector<uint32_t>& hcas);
-    void Forget(std::map<std::string, Owner>::iterator owner);
-    uint32_t ReportPkeys(const std::vector<uint32_t>& hcas, const std::set<uint16_t>& pkeys);
-    JobRequest MakeRequest(uint64_t job_id, const std::string& owner, const std::vector<uint32_t>& hcas) const;
+    template <typename Job, typename Action>
+    void RunByOwner(std::vector<Job>& jobs, const Action& act);
 
-    uint32_t Count(const char* kind, uint32_t status);
+    void Count(const std::vector<Operation>& operations);
+    void NoteWait(const WorkloadJob& job);
     Usage CurrentUsage() const;
     void NoteUsage();
     void NotePeaks();
 
     const Workload& workload_;
     const Settings& settings_;
-    ReservationService& service_;
+    ClientPool clients_;
     ReplayState state_;
+    Latencies latencies_;
     std::set<uint32_t> free_hcas_;
     std::set<uint16_t> free_pkeys_;
 };

@@ -10,6 +10,9 @@ using nlohmann::json;
 
 namespace {
 
+// As people expect them.
+constexpr const char* kOperationKinds[] = {"create", "update", "delete", "job_start", "job_end", "pkey_report"};
+
 // 18239 as "18,239".
 std::string Grouped(uint64_t number) {
     std::string digits = std::to_string(number);
@@ -58,7 +61,7 @@ std::string JobLines(const Figures& figures) {
 std::string OperationLines(const Figures& figures) {
     std::string text;
     const char* subject = "operations";
-    for (const char* kind : {"create", "update", "delete", "job_start", "job_end", "pkey_report"}) {
+    for (const char* kind : kOperationKinds) {
         const auto found = figures.operations.find(kind);
         if (found == figures.operations.end()) continue;
         for (const auto& [status, count] : found->second) {
@@ -88,6 +91,35 @@ json EventsAndRecords(const Recorded& recorded) {
     return {{"events", events}, {"records", records}};
 }
 
+std::string Milliseconds(double seconds) { return Fixed(1000 * seconds, 3) + " ms"; }
+
+std::string LatencyLines(const Latencies& latencies) {
+    std::string text;
+    const char* subject = "latency";
+    for (const char* kind : kOperationKinds) {
+        const auto found = latencies.find(kind);
+        if (found == latencies.end()) continue;
+        const LatencySummary summary = Summarize(found->second);
+        text += Line(subject, kind + std::string(": median"), Milliseconds(summary.p50),
+                     "90 % " + Milliseconds(summary.p90) + ", 99 % " + Milliseconds(summary.p99) + ", max " +
+                         Milliseconds(summary.max));
+        subject = "";
+    }
+    return text;
+}
+
+json LatenciesInMilliseconds(const Latencies& latencies) {
+    json json_latencies = json::object();
+    for (const auto& [kind, seconds] : latencies) {
+        const LatencySummary summary = Summarize(seconds);
+        json_latencies[kind] = {{"p50", 1000 * summary.p50},
+                                {"p90", 1000 * summary.p90},
+                                {"p99", 1000 * summary.p99},
+                                {"max", 1000 * summary.max}};
+    }
+    return json_latencies;
+}
+
 double OperationsPerSecond(const Figures& figures) {
     return figures.seconds > 0 ? static_cast<double>(figures.Operations()) / figures.seconds : 0;
 }
@@ -102,7 +134,13 @@ std::string DescribeSetting(const Settings& settings) {
 std::string ReportText(const Report& report) {
     const Figures& figures = report.state.figures;
     const Recorded& recorded = report.replay;
-    std::string text = Printable(report.trace_name) + " on " + DescribeSetting(report.settings) + "\n\n";
+    const bool is_in_process = report.daemon_address.empty();
+    std::string text = Printable(report.trace_name) + " on " + DescribeSetting(report.settings) + "\n";
+    if (!is_in_process) {
+        text += "through the daemon at " + Printable(report.daemon_address) + " by " + Grouped(report.num_clients) +
+                (report.num_clients == 1 ? " client\n" : " clients\n");
+    }
+    text += "\n";
     text += JobLines(figures);
     if (!report.is_finished) {
         text += Line("", "running now", Grouped(report.state.running.size()));
@@ -117,7 +155,8 @@ std::string ReportText(const Report& report) {
     text += Line("", "reservations", Grouped(figures.most_reservations));
     text += Line("", "jobs", Grouped(figures.most_jobs));
     text += Line("", "trees", Grouped(figures.most_trees));
-    text += RecordLines(report.start_up, recorded);
+    if (is_in_process) text += RecordLines(report.start_up, recorded);
+    text += LatencyLines(report.latencies);
     text += Line("speed", "operations per second", Grouped(static_cast<uint64_t>(OperationsPerSecond(figures))),
                  Grouped(figures.Operations()) + " in " + Fixed(figures.seconds, 2) +
                      " s: requests, job starts, job ends and pkey reports");
@@ -153,6 +192,12 @@ json ReportJson(const Report& report) {
     json_report["start_up"] = EventsAndRecords(report.start_up);
     json_report["timing"] = {{"seconds", figures.seconds},
                              {"operations", figures.Operations()},
-                             {"operations_per_second", OperationsPerSecond(figures)}};
+                             {"operations_per_second", OperationsPerSecond(figures)},
+                             {"latency_ms", LatenciesInMilliseconds(report.latencies)}};
+    if (!report.daemon_address.empty()) {
+        json_report["daemon"] = {{"address", report.daemon_address}, {"clients", report.num_clients}};
+        for (const char* unknown : {"records", "start_up"}) json_report.erase(unknown);
+        json_report["settings"].erase("log_level");
+    }
     return json_report;
 }

@@ -2,19 +2,24 @@
 
 #pragma once
 
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "replay/latency.h"
 #include "replay/recorder.h"
-#include "replay/replay.h"
+#include "replay/replay_state.h"
 #include "replay/settings.h"
 
 struct Report {
     std::string trace_name;
     const Settings& settings;
     const ReplayState& state;
-    Recorded start_up;
+    const Latencies& latencies;
+    std::string daemon_address{};    // empty: in this process
+    uint32_t num_clients = 1;
+    Recorded start_up{};    // in this process; a daemon tells nothing of its log
     Recorded replay;
     bool is_finished = false;    // rather than stopped with jobs running
     std::vector<std::string> failed_checks;    // of a finished one

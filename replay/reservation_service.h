@@ -18,7 +18,7 @@ struct JobRequest {
 
 // Answer to the start of a job.
 struct JobVerdict {
-    uint32_t status = 0;    // 0: admitted; VESK_STATUS_NOT_FOUND: not in its reservation; VESK_ADMISSION_REFUSED
+    uint32_t status = 0;    // 0: admitted; VESK_STATUS_NOT_FOUND: not in its reservation; or as below
     uint64_t reservation_id = 0;    // of the reservation that holds it, when admitted
 };
 
@@ -29,11 +29,13 @@ struct StoredJob {
     std::set<uint16_t> pkeys;    // that its ports carry; with automatic reservations
 };
 
-// Every operation returns a status: 0, VESK_STATUS_..., or kNoReply.
+// Every operation returns a status: 0, VESK_STATUS_..., or one of those below. One that cannot be carried out at all
+// throws std::runtime_error.
 class ReservationService {
 public:
-    // There was no reply to the request.
-    static constexpr uint32_t kNoReply = 0xFFFFFFFF;
+    static constexpr uint32_t kNoReply = 0xFFFFFFFF;    // there was no reply to the request
+    static constexpr uint32_t kLimitsExceeded = 0xFFFFFFFE;    // the job's trees, or jobs on an HCA, are too many
+    static constexpr uint32_t kAlreadyRunning = 0xFFFFFFFD;    // another job has the job's id
 
     virtual ~ReservationService() = default;
 

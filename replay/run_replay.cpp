@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -14,6 +15,8 @@
 #include "replay/checkpoint.h"
 #include "replay/closing_checks.h"
 #include "replay/file.h"
+#include "replay/in_process_service.h"
+#include "replay/replay.h"
 #include "replay/report.h"
 #include "replay/svg_chart.h"
 #include "replay/swf_trace.h"
@@ -82,6 +85,12 @@ void CheckFits(const Checkpoint& checkpoint, const SwfTrace& trace, const RunOpt
     }
 }
 
+// The settings with as many HCAs as the trace's machine had, when they give none.
+Settings WithHcas(Settings settings, const SwfTrace& trace) {
+    if (settings.hcas == 0) settings.hcas = HcasOfTrace(trace, settings.procs_per_hca);
+    return settings;
+}
+
 OptionInfo MakeOptionInfo(const Settings& settings, const std::string& dir) {
     OptionInfo options;
     options.persistent_dir = dir;
@@ -110,8 +119,9 @@ bool RunWithProgress(Replay& replay, uint64_t stop_after, size_t num_jobs) {
     return replay.Run(stop_after, [&](size_t jobs, int64_t time) { line.Show(jobs, time); });
 }
 
-// Makes sure before the replay that its picture can be written. Leaves no file that was not there.
+// Makes sure before the replay that its picture, if one is wanted, can be written. Leaves no file that was not there.
 void CheckWritable(const std::string& path) {
+    if (path.empty()) return;
     const bool is_new = !std::filesystem::exists(std::filesystem::status(path));
     errno = 0;
     if (!std::ofstream(path, std::ios::app)) throw InputError("--svg: " + path + ": " + std::strerror(errno));
@@ -133,26 +143,29 @@ void WriteReport(const RunOptions& options, const Report& report) {
           options.json ? ReportJson(report).dump(2, ' ', false, replace) + "\n" : ReportText(report));
 }
 
-}    // namespace
+// Writes the report. Returns the program's exit status.
+int Conclude(const RunOptions& options, const Report& report) {
+    WriteReport(options, report);
+    for (const std::string& failure : report.failed_checks) PrintMessage("not as it must be: " + failure);
+    return report.failed_checks.empty() ? 0 : 1;
+}
 
-int RunReplay(RunOptions options) {
-    const SwfTrace trace = ReadSwfTrace(options.trace_path);
+int ReplayInProcess(RunOptions options, const SwfTrace& trace) {
     Checkpoint stopped;
     if (options.resume) {
         stopped = ReadCheckpoint(options.persistent_dir);
         CheckFits(stopped, trace, options);
         options.settings = stopped.settings;
     }
-    Settings settings = options.settings;
-    if (settings.hcas == 0) settings.hcas = HcasOfTrace(trace, settings.procs_per_hca);
+    const Settings settings = WithHcas(options.settings, trace);
     const Workload workload = MakeWorkload(trace, settings);
-    if (!options.svg_path.empty()) CheckWritable(options.svg_path);
+    CheckWritable(options.svg_path);
     PersistentDirectory directory(options.persistent_dir);
     if (!options.resume) CheckIsUnused(directory.path());
 
     InProcessService service(MakeOptionInfo(settings, directory.path()), settings.log_level);
-    Replay replay = options.resume ? Replay(workload, settings, service, std::move(stopped.state))
-                                   : Replay(workload, settings, service);
+    Replay replay = options.resume ? Replay(workload, settings, {&service}, std::move(stopped.state))
+                                   : Replay(workload, settings, {&service});
     service.SetRecorded(stopped.recorded);
     const std::vector<uint64_t> lost_jobs = service.StartUp(replay.RunningJobs());
     for (const uint64_t id : lost_jobs) PrintMessage("job " + std::to_string(id) + " was not taken back at start-up");
@@ -168,15 +181,52 @@ int RunReplay(RunOptions options) {
     }
     if (is_finished && options.stop_after != 0) PrintMessage("the trace ended before there was a job to stop after");
 
-    const Report report{
-        .trace_name = trace.name,
-        .settings = settings,
-        .state = replay.state(),
-        .start_up = service.recorded_at_start_up(),
-        .replay = service.recorded(),
-        .is_finished = is_finished,
-        .failed_checks = is_finished ? FailedChecks(replay.state(), service) : std::vector<std::string>()};
-    WriteReport(options, report);
-    for (const std::string& failure : report.failed_checks) PrintMessage("not as it must be: " + failure);
-    return report.failed_checks.empty() ? 0 : 1;
+    return Conclude(
+        options, {.trace_name = trace.name,
+                  .settings = settings,
+                  .state = replay.state(),
+                  .latencies = replay.latencies(),
+                  .start_up = service.recorded_at_start_up(),
+                  .replay = service.recorded(),
+                  .is_finished = is_finished,
+                  .failed_checks = is_finished ? FailedChecks(replay.state(), service) : std::vector<std::string>()});
+}
+
+// The settings with those that are the daemon's in place of ours.
+Settings WithDaemonOptions(Settings settings, const OptionInfo& options, const std::string& address) {
+    if (settings.auto_by_pkeys && !options.reservation_auto_by_pkeys) {
+        throw InputError("--auto-by-pkeys: " + address + ": the daemon does not make reservations from pkeys");
+    }
+    settings.auto_by_pkeys = options.reservation_auto_by_pkeys;
+    settings.max_jobs_per_hca = options.max_jobs_per_hca;
+    settings.default_num_trees = options.reservation_default_num_trees;
+    return settings;
+}
+
+int ReplayThroughDaemon(const RunOptions& options, const SwfTrace& trace) {
+    CheckWritable(options.svg_path);
+    const Connection& connection = options.connection;
+    const std::unique_ptr<DaemonTarget> daemon = ConnectToDaemon(connection);
+    const Settings settings =
+        WithDaemonOptions(WithHcas(options.settings, trace), daemon->options(), connection.address);
+    const Workload workload = MakeWorkload(trace, settings);
+
+    Replay replay(workload, settings, daemon->Clients());
+    RunWithProgress(replay, 0, workload.jobs.size());
+    return Conclude(options, {.trace_name = trace.name,
+                              .settings = settings,
+                              .state = replay.state(),
+                              .latencies = replay.latencies(),
+                              .daemon_address = connection.address,
+                              .num_clients = connection.clients,
+                              .replay = daemon->recorded(),
+                              .is_finished = true,
+                              .failed_checks = FailedChecks(replay.state(), *daemon)});
+}
+
+}    // namespace
+
+int RunReplay(const RunOptions& options) {
+    const SwfTrace trace = ReadSwfTrace(options.trace_path);
+    return options.connection.address.empty() ? ReplayInProcess(options, trace) : ReplayThroughDaemon(options, trace);
 }

@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 
+#include "replay/daemon_target.h"
 #include "replay/settings.h"
 
 struct RunOptions {
@@ -14,11 +15,12 @@ struct RunOptions {
     std::string persistent_dir;    // empty: a temporary one, removed at the end
     uint64_t stop_after = 0;    // jobs; 0: go to the end
     bool resume = false;    // the replay that was stopped in persistent_dir
+    Connection connection;    // with an address: replay through that daemon
     bool json = false;
     std::string svg_path;    // empty: no chart
 };
 
 // Prints the report on standard output. Returns 0, or 1 when something is not as it must be, which is then told on
 // standard error. Throws InputError while nothing is changed yet, and std::runtime_error when an output cannot be
-// written.
-int RunReplay(RunOptions options);
+// written or the daemon does not answer any more.
+int RunReplay(const RunOptions& options);

@@ -10,6 +10,7 @@
 
 #include "replay/closing_checks.h"
 #include "replay/file.h"
+#include "replay/in_process_service.h"
 #include "replay/swf_trace.h"
 
 namespace {
@@ -85,7 +86,7 @@ public:
     uint32_t DeleteReservation(const std::string& key) override { return Note("delete " + key); }
     JobVerdict BeginJob(const JobRequest& job) override {
         Note("begin " + std::to_string(job.job_id) + " " + job.reservation_key);
-        return {.status = jobs_to_refuse.contains(job.job_id) ? uint32_t{VESK_ADMISSION_REFUSED} : 0};
+        return {.status = jobs_to_refuse.contains(job.job_id) ? kLimitsExceeded : 0};
     }
     uint32_t EndJob(uint64_t job_id) override { return Note("end " + std::to_string(job_id)); }
     uint32_t ReportPkeys(uint64_t, const std::set<uint16_t>&) override { return 0; }
@@ -158,7 +159,7 @@ TEST_F(ReplayTest, JobsStartInTheOrderOfTheirArrivalOnTheLowestFreeHcas) {
     const Settings settings{.hcas = 4};
     NotingService service;
     service.jobs_to_refuse = {4};
-    Replay replay(workload, settings, service);
+    Replay replay(workload, settings, {&service});
     EXPECT_TRUE(replay.Run(0, [](size_t, int64_t) {}));
 
     EXPECT_EQ(service.calls,
@@ -184,7 +185,7 @@ TEST_F(ReplayTest, OwnersBeyondThePkeysAreRefused) {
     workload.jobs.push_back({0x8001, 1, 1, 1, "job_32769"});    // when the pkeys are free again
     const Settings settings{.hcas = 0x8000};
     NotingService service;
-    Replay replay(workload, settings, service);
+    Replay replay(workload, settings, {&service});
     EXPECT_TRUE(replay.Run(0, [](size_t, int64_t) {}));
     EXPECT_EQ(replay.state().figures.replayed, 0x7fffu);    // 0x8001 to 0xfffe, and one again
     EXPECT_EQ(replay.state().figures.refused, (std::map<std::string, uint64_t>{{"no free pkey for another owner", 2}}));

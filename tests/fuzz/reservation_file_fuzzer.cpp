@@ -1,20 +1,35 @@
-// Any content of a reservation file: as it is, and sealed with the right checksum, so that what is behind the checksum
-// is reached too. What is accepted must be exactly what packing it again gives.
+// Any contents of reservation files: as they are, and sealed with the right checksum, so that what is behind the
+// checksum is reached too. What is accepted must be exactly what packing it again gives, and a start-up over a
+// directory with such files must leave reservations that can be changed and deleted.
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "host/dov_msg.h"
 #include "host/hash_bytes.h"
+#include "tests/test_daemon.h"
 
 namespace {
 
-void Try(const std::string& text) {
+std::string Sealed(const std::string& body) {
+    char seal[64];
+    std::snprintf(seal, sizeof(seal), "checksum 0x%016lx\n", HashBytes(body));
+    return body + seal;
+}
+
+// Returns whether the text is accepted.
+bool IsAccepted(const std::string& text) {
     vesk_dov_msg* msg = nullptr;
     const int result = dov_msg_unpack(0, VESK_MSG_TYPE_RESERVATION_INFO, text.c_str(), &msg);
     if ((result == 0) != (msg != nullptr)) std::abort();
-    if (msg == nullptr) return;
+    if (msg == nullptr) return false;
 
     char* buffer = nullptr;
     uint64_t length = 0;
@@ -22,17 +37,45 @@ void Try(const std::string& text) {
     if (std::string(buffer, length) != text.c_str()) std::abort();
     std::free(buffer);
     dov_vesk_msg_release(VESK_MSG_TYPE_RESERVATION_INFO, msg);
+    return true;
+}
+
+void StartUpWith(const std::vector<std::string>& texts) {
+    TestDaemon daemon;
+    for (size_t i = 0; i < texts.size(); ++i) std::ofstream(daemon.PathOf(std::to_string(i))) << texts[i];
+    daemon.manager->ReadPersistentReservationInfoFiles();
+    while (!daemon.manager->reservations.empty()) {
+        const std::string key = daemon.manager->reservations.begin()->first;
+        daemon.Info(key, true);
+        daemon.Delta(key, {12345}, {});
+        daemon.Create(key, {1, 2, 3}, kNoLimits, daemon.Reservation(key).info.pkey);
+        if (daemon.Delete(key) != 0) std::abort();
+    }
+}
+
+// The stored reservations are loaded once in a process.
+void StartUpInChild(const std::vector<std::string>& texts) {
+    const pid_t child = fork();
+    if (child == 0) {
+        StartUpWith(texts);
+        _exit(0);
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child || status != 0) std::abort();
 }
 
 }    // namespace
 
+// A form feed, which no reservation file contains, ends a file of the input.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string text(reinterpret_cast<const char*>(data), size);
-    Try(text);
-
-    const std::string body = text.substr(0, text.find('\0'));
-    char seal[64];
-    std::snprintf(seal, sizeof(seal), "checksum 0x%016lx\n", HashBytes(body));
-    Try(body + seal);
+    std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
+    std::vector<std::string> texts;
+    bool is_any_accepted = false;
+    for (std::string text; std::getline(input, text, '\f');) {
+        texts.push_back(text);
+        texts.push_back(Sealed(text.substr(0, text.find('\0'))));
+        for (const std::string& one : {text, texts.back()}) is_any_accepted = IsAccepted(one) || is_any_accepted;
+    }
+    if (is_any_accepted) StartUpInChild(texts);
     return 0;
 }

@@ -1,4 +1,4 @@
-// The daemon and the command line as they are run: processes, sockets, signals, and sudden death.
+// The programs as they are run: processes, sockets, signals, and sudden death.
 
 #include <grpcpp/grpcpp.h>
 #include <gtest/gtest.h>
@@ -17,6 +17,7 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <regex>
 #include <sstream>
@@ -343,6 +344,84 @@ for name in daemon operator viewer stranger; do make $name $name "$(signed_by ca
                   grpc::StatusCode::UNAVAILABLE);
     }
     EXPECT_EQ(Ctl("list --keys"), "A\n");
+}
+
+// ---- The replay through the daemon ----
+
+class ConnectedReplayTest : public EndToEndTest {
+protected:
+    using Json = nlohmann::json;
+
+    // Jobs of ten users, many of which start or end together.
+    ConnectedReplayTest() {
+        const auto below = [&](unsigned limit) { return std::to_string(random_() % limit); };
+        std::string trace;
+        for (int i = 1; i <= 120; ++i) {
+            trace += std::to_string(i) + " " + std::to_string(i / 20) + "00 -1 " + below(4) + "00 " +
+                     std::to_string(1 + random_() % 12) + " -1 -1 -1 -1 -1 -1 " + below(10) + " 1 -1 -1 -1 -1 -1\n";
+        }
+        WriteFile("crowded.swf", trace);
+    }
+
+    std::string Replay(const std::string& options) const { return Run(kReplay + options); }
+
+    // What is known of a replay in this process and through a daemon alike.
+    static Json Figures(const std::string& output) {
+        Json figures = Json::parse(output);
+        for (const char* other : {"timing", "start_up", "records", "daemon"}) figures.erase(other);
+        figures["settings"].erase("log_level");
+        return figures;
+    }
+
+    const std::string kReplay = REPLAY_PROGRAM " --hcas 64 --json DIR/crowded.swf ";
+    const std::string kConnect = "--connect unix:DIR/socket ";
+    std::mt19937 random_;
+};
+
+TEST_F(ConnectedReplayTest, FiguresAreThoseOfOneProcessWhateverTheNumberOfClients) {
+    struct Mode {
+        std::string daemon, in_process, connected;
+    };
+    for (const auto& [daemon, in_process, connected] :
+         {Mode{"", "", ""},
+          Mode{"--max-jobs-per-hca 1 --reservation-default-num-trees 9",
+               "--max-jobs-per-hca 1 --default-num-trees 9 --trees 4", "--trees 4 "},
+          Mode{"--reservation-auto-by-pkeys", "--auto-by-pkeys", ""}}) {
+        const Json expected = Figures(Replay(in_process));
+        EXPECT_GT(expected["jobs"]["waited"], 0);
+        EXPECT_EQ(expected["jobs"]["refused"] > 0, !connected.empty());
+        const auto server = Serve("--reservation-mode " + daemon);
+        for (const std::string clients : {"1", "8"}) {
+            EXPECT_EQ(Figures(Replay(connected + kConnect + "--clients " + clients)), expected) << daemon << clients;
+        }
+        server->Signal(SIGTERM);
+        EXPECT_EQ(server->Wait(), 0);
+    }
+}
+
+TEST_F(ConnectedReplayTest, DaemonThatCannotBeUsedIsToldApartFromOneThatGoesAway) {
+    const std::string start = "reservation-replay: unix:DIR/socket: ";
+    EXPECT_TRUE(Replay(kConnect).starts_with(start + "no daemon answers"));
+    EXPECT_EQ(Replay("--connect localhost:1"),
+              "reservation-replay: --tls-ca is missing: localhost:1 is reached over TLS\nexit 2\n");
+    EXPECT_EQ(Replay(kConnect + "--stop-after 3"), "reservation-replay: --stop-after excludes --connect\nexit 2\n");
+    auto daemon = Serve("");
+    EXPECT_EQ(Replay(kConnect), start + "the daemon runs without --reservation-mode\nexit 2\n");
+
+    daemon.reset();
+    daemon = Serve();
+    EXPECT_EQ(Replay(kConnect + "--auto-by-pkeys"),
+              "reservation-replay: --auto-by-pkeys: unix:DIR/socket: the daemon does not make reservations from "
+              "pkeys\nexit 2\n");
+    Program replay(Words(kReplay + kConnect + "--clients 4"));
+    while (!fs::exists(Path("state/reservation.user_1"))) ASSERT_EQ(replay.Output(), "");
+    daemon.reset();
+    EXPECT_EQ(replay.Wait(), 1);
+    EXPECT_EQ(replay.Output().find("reservation-replay: " + Address() + ": no daemon answers"), 0u);
+    EXPECT_EQ(replay.Output().find('\n'), replay.Output().size() - 1) << "more than one line: " << replay.Output();
+
+    daemon = Serve();
+    EXPECT_TRUE(Replay(kConnect).starts_with(start + "the daemon has "));
 }
 
 // ---- Sudden death ----

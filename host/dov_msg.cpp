@@ -1,13 +1,13 @@
 #include "host/dov_msg.h"
 
+#include <array>
 #include <charconv>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
-#include <new>
 #include <optional>
-#include <string>
 #include <string_view>
 
 #include "host/hash_bytes.h"
@@ -25,54 +25,89 @@ constexpr size_t kChecksumLineLength = std::string_view("checksum 0x0123456789ab
 
 bool MustBeEscaped(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f || c == '\\'; }
 
-// The fixed-width form of pkeys, GUIDs and checksums.
-void AppendHex(std::string& text, uint64_t value, size_t digits) {
-    char hex[sizeof("0x0123456789abcdef")] = "0x";
-    const size_t length = 2 + digits;
-    for (size_t place = length; place > 2; value >>= 4) hex[--place] = kHexDigits[value & 0xf];
-    text.append(hex, length);
-}
+// The two digits of every byte, one byte's behind the other's.
+constexpr auto kHexPairs = [] {
+    std::array<char, 512> pairs{};
+    for (size_t byte = 0; byte < 256; ++byte) {
+        pairs[2 * byte] = kHexDigits[byte >> 4];
+        pairs[2 * byte + 1] = kHexDigits[byte & 0xf];
+    }
+    return pairs;
+}();
 
-void AppendKey(std::string& text, std::string_view key) {
-    for (const char c : key) {
-        if (!MustBeEscaped(c)) {
-            text.push_back(c);
-        } else if (c == '\\') {
-            text.append("\\\\");
-        } else {
-            text.append("\\x").append(
-                {kHexDigits[static_cast<size_t>(c) >> 4], kHexDigits[static_cast<size_t>(c) & 0xf]});
+// Writes a packed text into a buffer that has room for all of it.
+class Writer {
+public:
+    explicit Writer(char* buffer) : start_(buffer), end_(buffer) {}
+
+    std::string_view text() const { return {start_, static_cast<size_t>(end_ - start_)}; }
+
+    void Append(std::string_view text) {
+        std::memcpy(end_, text.data(), text.size());
+        end_ += text.size();
+    }
+
+    void AppendDecimal(uint32_t value) { end_ = std::to_chars(end_, end_ + kMaxDigits, value).ptr; }
+
+    // The fixed-width form: two digits for each byte of the number.
+    template <typename Number>
+    void AppendHex(Number value) {
+        const uint64_t number = value;
+        for (size_t byte = sizeof(Number); byte-- > 0; end_ += 2) {
+            std::memcpy(end_, &kHexPairs[2 * (number >> (8 * byte) & 0xff)], 2);
         }
     }
-}
 
-void AppendLimit(std::string& text, uint32_t limit) {
-    text.push_back(' ');
-    text.append(limit == VESK_LIMIT_NOT_GIVEN ? std::string(kNoLimit) : std::to_string(limit));
-}
+    void AppendKey(std::string_view key) {
+        for (const char c : key) {
+            if (!MustBeEscaped(c)) {
+                *end_++ = c;
+            } else if (c == '\\') {
+                Append("\\\\");
+            } else {
+                Append("\\x");
+                AppendHex(static_cast<unsigned char>(c));
+            }
+        }
+    }
 
-void AppendNumberLine(std::string& text, std::string_view name, uint32_t value) {
-    text.append(name).append(" ").append(std::to_string(value)).append("\n");
-}
+    void AppendNumberLine(std::string_view name, uint32_t value) {
+        Append(name);
+        Append(" ");
+        AppendDecimal(value);
+        Append("\n");
+    }
 
-void AppendHexLine(std::string& text, std::string_view name, uint64_t value, size_t digits) {
-    text.append(name).append(" ");
-    AppendHex(text, value, digits);
-    text.push_back('\n');
-}
+    // The name goes up to the digits, "pkey 0x".
+    template <typename Number>
+    void AppendHexLine(std::string_view name, Number value) {
+        Append(name);
+        AppendHex(value);
+        Append("\n");
+    }
 
-void AppendRecord(std::string& text, const vesk_reservation_info& info) {
-    text.append("reservation_key ");
-    AppendKey(text, info.reservation_key);
-    text.push_back('\n');
-    AppendHexLine(text, "pkey", info.pkey, 4);
-    AppendNumberLine(text, "state", info.state);
-    AppendNumberLine(text, "num_guids", info.num_guids);
-    for (uint32_t i = 0; i < info.num_guids; ++i) AppendHexLine(text, "guid", info.guids[i], 16);
-    text.append("limits");
-    for (const uint32_t limit : info.limits) AppendLimit(text, limit);
-    text.push_back('\n');
-    AppendNumberLine(text, "auto_created", info.auto_created);
+private:
+    static constexpr ptrdiff_t kMaxDigits = std::numeric_limits<uint32_t>::digits10 + 1;
+
+    const char* const start_;
+    char* end_;
+};
+
+void AppendRecord(Writer& writer, const vesk_reservation_info& info) {
+    writer.Append("reservation_key ");
+    writer.AppendKey(info.reservation_key);
+    writer.Append("\n");
+    writer.AppendHexLine("pkey 0x", info.pkey);
+    writer.AppendNumberLine("state", info.state);
+    writer.AppendNumberLine("num_guids", info.num_guids);
+    for (uint32_t i = 0; i < info.num_guids; ++i) writer.AppendHexLine("guid 0x", info.guids[i]);
+    writer.Append("limits");
+    for (const uint32_t limit : info.limits) {
+        writer.Append(" ");
+        limit == VESK_LIMIT_NOT_GIVEN ? writer.Append(kNoLimit) : writer.AppendDecimal(limit);
+    }
+    writer.Append("\n");
+    writer.AppendNumberLine("auto_created", info.auto_created);
 }
 
 bool IsWellFormed(const vesk_reservation_info& info) {
@@ -80,15 +115,10 @@ bool IsWellFormed(const vesk_reservation_info& info) {
     return key_ends && (info.num_guids == 0 || info.guids != nullptr);
 }
 
-std::string Pack(const vesk_reservation_info* info) {
+// As many bytes as the packed text may have.
+size_t RoomFor(const vesk_reservation_info* info) {
     constexpr size_t kRoomForFields = 4 * VESK_KEY_SIZE + 512;
-    const size_t num_guids = info != nullptr ? info->num_guids : 0;
-    std::string text;
-    text.reserve(kRoomForFields + num_guids * kGuidLineLength);
-    text.append(kHeader);
-    if (info != nullptr) AppendRecord(text, *info);
-    AppendHexLine(text, "checksum", HashBytes(text), 16);
-    return text;
+    return kRoomForFields + (info != nullptr ? info->num_guids * kGuidLineLength : 0);
 }
 
 // ---- Unpacking ----
@@ -100,6 +130,16 @@ struct RecordDeleter {
     }
 };
 using RecordPointer = std::unique_ptr<vesk_reservation_info, RecordDeleter>;
+
+// The value of every character that is a digit, and 0xff for the others.
+constexpr auto kHexDigitValues = [] {
+    std::array<uint8_t, 256> values{};
+    values.fill(0xff);
+    for (size_t value = 0; value < kHexDigits.size(); ++value) {
+        values[static_cast<unsigned char>(kHexDigits[value])] = static_cast<uint8_t>(value);
+    }
+    return values;
+}();
 
 // Takes a packed text apart from its start. Each Take answers whether the text went on as it must; it reads the one
 // form that packing writes.
@@ -132,11 +172,13 @@ public:
         constexpr size_t kDigits = 2 * sizeof(Number);
         if (rest_.size() < kDigits) return false;
         uint64_t number = 0;
-        for (const char c : rest_.substr(0, kDigits)) {
-            const int digit = HexDigit(c);
-            if (digit < 0) return false;
-            number = number << 4 | static_cast<uint64_t>(digit);
+        unsigned seen = 0;    // all digits or'ed together
+        for (size_t i = 0; i < kDigits; ++i) {
+            const uint8_t digit = kHexDigitValues[static_cast<unsigned char>(rest_[i])];
+            number = number << 4 | digit;
+            seen |= digit;
         }
+        if (seen > 0xf) return false;
         value = static_cast<Number>(number);
         rest_.remove_prefix(kDigits);
         return true;
@@ -162,17 +204,13 @@ public:
         return Take(name) && Take(" ") && TakeNumber(value) && Take("\n");
     }
 
+    // The name goes up to the digits, "pkey 0x".
     template <typename Number>
     bool TakeHexLine(std::string_view name, Number& value) {
-        return Take(name) && Take(" 0x") && TakeHex(value) && Take("\n");
+        return Take(name) && TakeHex(value) && Take("\n");
     }
 
 private:
-    static int HexDigit(char c) {
-        if (c >= '0' && c <= '9') return c - '0';
-        return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-    }
-
     bool TakeKeyByte(char& byte) {
         if (!MustBeEscaped(rest_.front())) {
             byte = rest_.front();
@@ -197,7 +235,7 @@ bool TakeGuids(Reader& reader, vesk_reservation_info& info) {
     if (info.num_guids > reader.Remaining() / kGuidLineLength) return false;
     if (info.num_guids > 0) info.guids = new uint64_t[info.num_guids];
     for (uint32_t i = 0; i < info.num_guids; ++i) {
-        if (!reader.TakeHexLine("guid", info.guids[i])) return false;
+        if (!reader.TakeHexLine("guid 0x", info.guids[i])) return false;
     }
     return true;
 }
@@ -212,7 +250,7 @@ bool TakeLimits(Reader& reader, vesk_reservation_info& info) {
 
 bool TakeRecord(Reader& reader, vesk_reservation_info& info) {
     return reader.Take("reservation_key ") && reader.TakeKey(info.reservation_key) && reader.Take("\n") &&
-           reader.TakeHexLine("pkey", info.pkey) && reader.TakeNumberLine("state", info.state) &&
+           reader.TakeHexLine("pkey 0x", info.pkey) && reader.TakeNumberLine("state", info.state) &&
            reader.TakeNumberLine("num_guids", info.num_guids) && TakeGuids(reader, info) && TakeLimits(reader, info) &&
            reader.TakeNumberLine("auto_created", info.auto_created) && reader.Remaining() == 0;
 }
@@ -223,7 +261,7 @@ std::optional<std::string_view> TakeBody(std::string_view text) {
     const std::string_view checked = text.substr(0, text.size() - kChecksumLineLength);
     Reader last_line(text.substr(checked.size()));
     uint64_t checksum = 0;
-    if (!last_line.TakeHexLine("checksum", checksum) || checksum != HashBytes(checked)) return std::nullopt;
+    if (!last_line.TakeHexLine("checksum 0x", checksum) || checksum != HashBytes(checked)) return std::nullopt;
     return checked.substr(kHeader.size());
 }
 
@@ -251,16 +289,15 @@ int dov_msg_pack(uint64_t, int type, uint64_t, const vesk_dov_msg* msg, char** b
     if (type != VESK_MSG_TYPE_RESERVATION_INFO) return -1;
     const auto* info = static_cast<const vesk_reservation_info*>(msg->data);
     if (info != nullptr && !IsWellFormed(*info)) return -1;
-    try {
-        const std::string text = Pack(info);
-        *buffer = static_cast<char*>(std::malloc(text.size()));
-        if (*buffer == nullptr) return -1;
-        std::memcpy(*buffer, text.data(), text.size());
-        *length = text.size();
-        return 0;
-    } catch (const std::bad_alloc&) {
-        return -1;
-    }
+    *buffer = static_cast<char*>(std::malloc(RoomFor(info)));
+    if (*buffer == nullptr) return -1;
+
+    Writer writer(*buffer);
+    writer.Append(kHeader);
+    if (info != nullptr) AppendRecord(writer, *info);
+    writer.AppendHexLine("checksum 0x", HashBytes(writer.text()));
+    *length = writer.text().size();
+    return 0;
 }
 
 int dov_msg_unpack(uint64_t, int type, const char* buffer, vesk_dov_msg** msg) {

@@ -314,12 +314,12 @@ make() {
     openssl req -x509 -noenc -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -subj /CN=$2 \
         -keyout $1.key -out $1.pem $3
 }
-signed_by() { echo -addext subjectAltName=DNS:localhost -CA $1.pem -CAkey $1.key; }
+signed_by() { echo -addext subjectAltName=IP:127.0.0.1 -CA $1.pem -CAkey $1.key; }
 cd ${0%/*} && make ca ca && make other-ca other-ca && make forger operator "$(signed_by other-ca)" || exit
 for name in daemon operator viewer stranger; do make $name $name "$(signed_by ca)" || exit; done
 )sh");
     ASSERT_EQ(Program({"sh", Path("make-certificates")}).Wait(), 0);
-    const std::string address = "localhost:" + std::to_string(20'000 + getpid() % 10'000);
+    const std::string address = "127.0.0.1:" + std::to_string(20'000 + getpid() % 10'000);
     const auto files_of = [](const std::string& name) {
         return Replaced(" --tls-ca DIR/ca.pem --tls-cert DIR/NAME.pem --tls-key DIR/NAME.key ", "NAME", name);
     };

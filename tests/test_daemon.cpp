@@ -27,9 +27,11 @@ void ReplaceAll(std::string& text, const std::string& from, const std::string& t
         text.replace(at, from.size(), to);
 }
 
+// None when there is no such directory.
 std::set<std::string> Paths(const std::string& directory) {
     std::set<std::string> paths;
-    for (const auto& file : std::filesystem::directory_iterator(directory)) paths.insert(file.path());
+    std::error_code error;
+    for (const auto& file : std::filesystem::directory_iterator(directory, error)) paths.insert(file.path());
     return paths;
 }
 

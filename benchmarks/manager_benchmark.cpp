@@ -1,11 +1,14 @@
-// The manager's operations, each beside its floor: what no implementation could leave out, measured in the same run.
+// The manager's operations, each beside its floor: what no implementation could leave out, measured in the same run;
+// and the memory that they take.
 //
 // The floor of a change is the system calls that its file cannot do without, with the same bytes, and the same entries
-// put into, or taken out of, a map of the same type and size at known places. The floor of a job operation is a visit
-// of the same entries in order; that of the load, one open, read and close of each file.
+// put into, or taken out of, a map of the same type and size at known places. The floor of a job's four operations is
+// four visits of the same entries in order; with_set, also the making of the set of GUIDs that its entry holds. The
+// floor of the load is one open, read and close of each file; with_index, also the same entries put into a map.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +20,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
+#include <unordered_set>
 #include <vector>
 
 #include "host/dov_msg.h"
@@ -253,7 +258,9 @@ std::pair<Guids, Guids> Neighbours(const Guids& guids) {
 template <typename Change>
 void MeasureChangeOfOneGuid(benchmark::State& state, Change change) {
     Fabric& fabric = FabricOf(state);
-    auto [one, other] = Neighbours(FreeGuids(state));
+    Guids one;
+    Guids other;
+    std::tie(one, other) = Neighbours(FreeGuids(state));
     fabric.Create(kKey, one);
     for (auto _ : state) {
         state.SetIterationTime(Seconds([&] { change(fabric, one, other); }));
@@ -312,25 +319,41 @@ void InfoFloor(benchmark::State& state) {
     }
 }
 
+// A job with one tree over these HCAs.
+std::unique_ptr<VeskJob> MakeJob(uint64_t job_id, const Guids& guids) {
+    auto job = std::make_unique<VeskJob>();
+    VeskTree tree;
+    for (const uint64_t guid : guids) tree.ports.insert(job->AddPort(guid, 1));
+    job->plane_trees = {{tree}};
+    job->ext_job_id.job_id = job_id;
+    return job;
+}
+
 void Job(benchmark::State& state) {
     Fabric& fabric = FabricOf(state);
     Guids guids = FreeGuids(state);
     fabric.Create(kKey, guids);
-    VeskJob job;
-    VeskTree tree;
-    for (const uint64_t guid : guids) tree.ports.insert(job.AddPort(guid, 1));
-    job.plane_trees = {{tree}};
-    job.ext_job_id.job_id = 1;
+    const std::unique_ptr<VeskJob> job = MakeJob(1, guids);
     for (auto _ : state) {
         state.SetIterationTime(Seconds([&] {
-            ReservationInfo* const reservation = fabric.manager.GetReservationByJob(&job);
-            if (fabric.manager.ValidateReservationResources(reservation, {.requested_trees = 1}, &job) != 0)
+            ReservationInfo* const reservation = fabric.manager.GetReservationByJob(job.get());
+            if (fabric.manager.ValidateReservationResources(reservation, {.requested_trees = 1}, job.get()) != 0)
                 std::abort();
-            fabric.manager.AddJob(reservation, &job);
-            fabric.manager.RemoveJob(reservation, &job);
+            fabric.manager.AddJob(reservation, job.get());
+            fabric.manager.RemoveJob(reservation, job.get());
         }));
     }
     fabric.Delete();
+}
+
+// Goes through the GUIDs' entries in order: to the next one in the index, or by a search when that is another's.
+void VisitEntries(Index& index, const Guids& guids) {
+    auto place = index.lower_bound(guids.front());
+    for (const uint64_t guid : guids) {
+        if (place == index.end() || place->first != guid) place = index.lower_bound(guid);
+        benchmark::DoNotOptimize(++place->second.num_jobs);
+        ++place;
+    }
 }
 
 // Each of the four operations has to visit every entry.
@@ -338,12 +361,26 @@ void JobFloor(benchmark::State& state) {
     Index& index = FabricOf(state).manager.hca_infos;
     const Guids guids = FreeGuids(state);
     SecondsToInsert(index, guids);
-    const std::vector<Index::iterator> places = PlacesFor(index, guids);
     for (auto _ : state) {
         state.SetIterationTime(Seconds([&] {
-            for (int operation = 0; operation < 4; ++operation) {
-                for (const Index::iterator place : places) benchmark::DoNotOptimize(++place->second.num_jobs);
-            }
+            for (int operation = 0; operation < 4; ++operation) VisitEntries(index, guids);
+        }));
+    }
+    SecondsToErase(index, guids);
+}
+
+// The same, and the set of its GUIDs that a job in a reservation has.
+void JobFloorWithSet(benchmark::State& state) {
+    Index& index = FabricOf(state).manager.hca_infos;
+    const Guids guids = FreeGuids(state);
+    SecondsToInsert(index, guids);
+    for (auto _ : state) {
+        state.SetIterationTime(Seconds([&] {
+            for (int operation = 0; operation < 4; ++operation) VisitEntries(index, guids);
+            std::unordered_set<uint64_t> set;
+            set.reserve(guids.size());
+            set.insert(guids.begin(), guids.end());
+            benchmark::DoNotOptimize(set);
         }));
     }
     SecondsToErase(index, guids);
@@ -383,11 +420,11 @@ double SecondsInChild(Operation operation) {
         const double seconds = Seconds(operation);
         _exit(write(ends[1], &seconds, sizeof(seconds)) == sizeof(seconds) ? 0 : 1);
     }
+    close(ends[1]);
     double seconds = 0;
     if (read(ends[0], &seconds, sizeof(seconds)) != sizeof(seconds)) std::abort();
     waitpid(child, nullptr, 0);
     close(ends[0]);
-    close(ends[1]);
     return seconds;
 }
 
@@ -395,6 +432,7 @@ double SecondsInChild(Operation operation) {
 class StoredFabric {
 public:
     explicit StoredFabric(const benchmark::State& state) : fabric_(FabricOf(state)) {
+        std::filesystem::create_directories(Directory());
         for (const auto& [key, info] : fabric_.manager.reservations) {
             fabric_.manager.CreateReservationInfoFile(info->info, Directory());
         }
@@ -407,53 +445,132 @@ private:
 
 void Load(benchmark::State& state) {
     const StoredFabric files(state);
+    Client client;
+    ReservationManager manager(&client);
     for (auto _ : state) {
-        Client client;
-        state.SetIterationTime(
-            SecondsInChild([&] { ReservationManager(&client).ReadPersistentReservationInfoFiles(); }));
+        state.SetIterationTime(SecondsInChild([&] { manager.ReadPersistentReservationInfoFiles(); }));
+    }
+}
+
+// `buffer` is the caller's, so that its pages are there already.
+void ReadFiles(std::vector<char>& buffer) {
+    for (const auto& entry : std::filesystem::directory_iterator(Directory())) {
+        const int file = open(entry.path().c_str(), O_RDONLY);
+        while (read(file, buffer.data(), buffer.size()) > 0) continue;
+        close(file);
     }
 }
 
 void LoadFloor(benchmark::State& state) {
     const StoredFabric files(state);
+    std::vector<char> buffer(1 << 18);
+    for (auto _ : state) state.SetIterationTime(SecondsInChild([&] { ReadFiles(buffer); }));
+}
+
+// Reads the files, and puts every HCA into a new index.
+void LoadFloorWithIndex(benchmark::State& state) {
+    const StoredFabric files(state);
+    const Index& hcas = FabricOf(state).manager.hca_infos;
+    std::vector<char> buffer(1 << 18);
+    Index index;
     for (auto _ : state) {
-        state.SetIterationTime(SecondsInChild([] {
-            std::vector<char> buffer(1 << 20);
-            for (const auto& entry : std::filesystem::directory_iterator(Directory())) {
-                const int file = open(entry.path().c_str(), O_RDONLY);
-                while (read(file, buffer.data(), buffer.size()) > 0) continue;
-                close(file);
-            }
+        state.SetIterationTime(SecondsInChild([&] {
+            ReadFiles(buffer);
+            for (const auto& hca : hcas) index.insert(index.end(), hca);
         }));
     }
 }
 
+// ---- Memory ----
+
+size_t HeapBytes() {
+    const struct mallinfo2 heap = mallinfo2();
+    return heap.uordblks + heap.hblkhd;
+}
+
+template <typename Operation>
+double BytesTaken(Operation operation) {
+    const size_t before = HeapBytes();
+    operation();
+    return static_cast<double>(HeapBytes()) - static_cast<double>(before);
+}
+
+double BytesPerReservation(uint64_t hcas_in_each) {
+    constexpr uint64_t kReservations = 1000;
+    std::unique_ptr<Fabric> fabric;
+    return BytesTaken([&] { fabric = std::make_unique<Fabric>(kReservations * hcas_in_each, kReservations); }) /
+           kReservations;
+}
+
+double BytesPerJob(uint64_t hcas_in_each) {
+    constexpr uint64_t kJobs = 1000;
+    Fabric fabric(1000, 1);
+    ReservationInfo* const reservation = fabric.manager.reservations.begin()->second;
+    const Guids guids(reservation->info.guids, reservation->info.guids + hcas_in_each);
+    std::vector<std::unique_ptr<VeskJob>> jobs;
+    for (uint64_t id = 1; id <= kJobs; ++id) jobs.push_back(MakeJob(id, guids));
+    return BytesTaken([&] {
+               for (const auto& job : jobs) fabric.manager.AddJob(reservation, job.get());
+           }) /
+           kJobs;
+}
+
+// What the heap gives for one more of each, and what of that is the data itself: GUIDs, counts, fields, owners.
+void PrintMemory() {
+    constexpr uint64_t kMany = 256;
+    constexpr uint64_t kFew = 64;
+    const auto per_hca = [](double many, double few) { return (many - few) / (kMany - kFew); };
+    const double few_hcas = BytesPerReservation(kFew);
+    const double reserved_hca = per_hca(BytesPerReservation(kMany), few_hcas);
+    const double job_of_few = BytesPerJob(kFew);
+    const double hca_of_job = per_hca(BytesPerJob(kMany), job_of_few);
+    constexpr size_t kHcaData = sizeof(uint64_t) + sizeof(ReservationInfo*) + sizeof(uint16_t);
+    constexpr size_t kJobData = sizeof(uint64_t);
+
+    std::printf("\n| one more | bytes | of data |\n|---|---:|---:|\n");
+    std::printf("| reserved HCA | %.0f | %zu |\n", reserved_hca, kHcaData);
+    std::printf("| reservation, without its HCAs | %.0f | %zu |\n", few_hcas - kFew * reserved_hca,
+                sizeof(ReservationInfo));
+    std::printf("| HCA of a job | %.0f | %zu |\n", hca_of_job, sizeof(uint64_t));
+    std::printf("| job, without its HCAs | %.0f | %zu |\n", job_of_few - kFew * hca_of_job, kJobData);
+}
+
 // ---- What is run, and how it is told ----
 
-// Prints as usual, and at the end one row for each operation with its floor and the ratio.
+constexpr std::string_view kFloorSuffix = "-floor";
+
+// Prints as usual, and at the end one row for each operation with its floor and the ratio, each the best of its
+// repetitions.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
             if (run.error_occurred || run.run_type == Run::RT_Aggregate) continue;
-            times_.emplace_back(run.benchmark_name(), run.real_accumulated_time / static_cast<double>(run.iterations));
+            const double seconds = run.real_accumulated_time / static_cast<double>(run.iterations);
+            const auto [found, is_new] = best_.emplace(run.run_name.function_name + "/" + run.run_name.args, seconds);
+            if (is_new) names_.push_back(found->first);
+            found->second = std::min(found->second, seconds);
         }
     }
 
     void Finalize() override {
         std::printf("\n| operation / HCAs / reservations / GUIDs / scattered | microseconds | floor | ratio |\n");
         std::printf("|---|---:|---:|---:|\n");
-        for (size_t i = 0; i + 1 < times_.size(); i += 2) {
-            const double time = times_[i].second * 1e6;
-            const double floor = times_[i + 1].second * 1e6;
-            const std::string name = times_[i].first.substr(0, times_[i].first.find("/manual_time"));
-            std::printf("| %s | %.2f | %.2f | %.2f |\n", name.c_str(), time, floor, time / floor);
+        for (const std::string& name : names_) {
+            const auto floor = best_.find(FloorOf(name));
+            if (floor == best_.end()) continue;
+            const double seconds = best_.at(name);
+            std::printf("| %s | %.2f | %.2f | %.2f |\n", name.c_str(), seconds * 1e6, floor->second * 1e6,
+                        seconds / floor->second);
         }
     }
 
 private:
-    std::vector<std::pair<std::string, double>> times_;
+    static std::string FloorOf(std::string name) { return name.insert(name.find('/'), kFloorSuffix); }
+
+    std::map<std::string, double> best_;
+    std::vector<std::string> names_;    // in the order of their runs
 };
 
 using Function = void (*)(benchmark::State&);
@@ -461,7 +578,8 @@ using Function = void (*)(benchmark::State&);
 // Registers an operation and, right behind it, its floor, so that both run in the same state of the machine.
 void Register(const std::string& name, Function operation, Function floor, const std::vector<int64_t>& arguments,
               bool is_manual = true) {
-    for (const auto& [full_name, function] : {std::pair(name, operation), std::pair(name + "-floor", floor)}) {
+    for (const auto& [full_name, function] :
+         {std::pair(name, operation), std::pair(name + std::string(kFloorSuffix), floor)}) {
         auto* const registered = benchmark::RegisterBenchmark(full_name.c_str(), function)->Args(arguments);
         registered->MinTime(0.05);
         if (is_manual) registered->UseManualTime();
@@ -482,10 +600,14 @@ void RegisterAll() {
             }
             Register("replace", Replace, ChangeFloor, arguments(4096));
             Register("delta", Delta, ChangeFloor, arguments(4096));
-            for (const int64_t count : {1, 64, 4096}) Register("job", Job, JobFloor, arguments(count));
+            for (const int64_t count : {1, 64, 4096}) {
+                Register("job", Job, JobFloor, arguments(count));
+                Register("job_with_set", Job, JobFloorWithSet, arguments(count));
+            }
         }
         Register("info", Info, InfoFloor, {num_hcas, num_reservations});
         Register("load", Load, LoadFloor, {num_hcas, num_reservations});
+        Register("load_with_index", Load, LoadFloorWithIndex, {num_hcas, num_reservations});
     }
     for (const int64_t count : {16, 4096}) {
         Register("pack", Pack, PackFloor, {1000, 10, count, 0}, false);
@@ -501,6 +623,7 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
+    PrintMemory();
     std::filesystem::remove_all(Directory());
     return 0;
 }

@@ -1,6 +1,8 @@
 #include "host/dov_msg.h"
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cstddef>
 #include <cstdlib>
@@ -17,23 +19,50 @@ namespace {
 
 constexpr std::string_view kHeader = "vesk_reservation_info 1\n";
 constexpr std::string_view kNoLimit = "none";
-constexpr std::string_view kHexDigits = "0123456789abcdef";
 constexpr size_t kGuidLineLength = std::string_view("guid 0x0123456789abcdef\n").size();
 constexpr size_t kChecksumLineLength = std::string_view("checksum 0x0123456789abcdef\n").size();
+
+// ---- Eight hexadecimal digits at once ----
+
+using HexDigits = std::array<char, 8>;
+
+// The digits as a word, the first one in its lowest byte; and back.
+uint64_t WordOf(HexDigits digits) {
+    if constexpr (std::endian::native == std::endian::big) std::reverse(digits.begin(), digits.end());
+    return std::bit_cast<uint64_t>(digits);
+}
+HexDigits DigitsIn(uint64_t word) {
+    auto digits = std::bit_cast<HexDigits>(word);
+    if constexpr (std::endian::native == std::endian::big) std::reverse(digits.begin(), digits.end());
+    return digits;
+}
+
+constexpr uint64_t kInEveryByte = 0x0101010101010101;
+
+// Halves the number again and again, the high half going behind the low one, until each byte has one nibble.
+inline HexDigits FormatHex(uint32_t number) {
+    uint64_t nibbles = number;
+    nibbles = nibbles >> 16 | (nibbles & 0xffff) << 32;
+    nibbles = (nibbles >> 8 & 0x000000ff000000ff) | (nibbles & 0x000000ff000000ff) << 16;
+    nibbles = (nibbles >> 4 & 0x000f000f000f000f) | (nibbles & 0x000f000f000f000f) << 8;
+    const uint64_t is_letter = (nibbles + 6 * kInEveryByte) >> 4 & kInEveryByte;
+    return DigitsIn(nibbles + '0' * kInEveryByte + is_letter * ('a' - '0' - 10));
+}
+
+// The way back. What are no digits give a number as well: formatting that tells the difference.
+inline std::optional<uint32_t> ParseHex(HexDigits digits) {
+    const uint64_t word = WordOf(digits);
+    const uint64_t is_letter = word >> 6 & kInEveryByte;
+    uint64_t nibbles = (word & 0xf * kInEveryByte) + 9 * is_letter;
+    nibbles = (nibbles << 4 | nibbles >> 8) & 0x00ff00ff00ff00ff;
+    nibbles = (nibbles << 8 | nibbles >> 16) & 0x0000ffff0000ffff;
+    const auto number = static_cast<uint32_t>(nibbles << 16 | nibbles >> 32);
+    return FormatHex(number) == digits ? std::optional(number) : std::nullopt;
+}
 
 // ---- Packing ----
 
 bool MustBeEscaped(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f || c == '\\'; }
-
-// The two digits of every byte, one byte's behind the other's.
-constexpr auto kHexPairs = [] {
-    std::array<char, 512> pairs{};
-    for (size_t byte = 0; byte < 256; ++byte) {
-        pairs[2 * byte] = kHexDigits[byte >> 4];
-        pairs[2 * byte + 1] = kHexDigits[byte & 0xf];
-    }
-    return pairs;
-}();
 
 // Writes a packed text into a buffer that has room for all of it.
 class Writer {
@@ -52,9 +81,13 @@ public:
     // The fixed-width form: two digits for each byte of the number.
     template <typename Number>
     void AppendHex(Number value) {
-        const uint64_t number = value;
-        for (size_t byte = sizeof(Number); byte-- > 0; end_ += 2) {
-            std::memcpy(end_, &kHexPairs[2 * (number >> (8 * byte) & 0xff)], 2);
+        constexpr size_t kDigits = 2 * sizeof(Number);
+        if constexpr (kDigits > 8) {
+            AppendHex(static_cast<uint32_t>(value >> 32));
+            AppendHex(static_cast<uint32_t>(value));
+        } else {
+            const HexDigits digits = FormatHex(value);
+            Append({digits.data() + digits.size() - kDigits, kDigits});
         }
     }
 
@@ -131,16 +164,6 @@ struct RecordDeleter {
 };
 using RecordPointer = std::unique_ptr<vesk_reservation_info, RecordDeleter>;
 
-// The value of every character that is a digit, and 0xff for the others.
-constexpr auto kHexDigitValues = [] {
-    std::array<uint8_t, 256> values{};
-    values.fill(0xff);
-    for (size_t value = 0; value < kHexDigits.size(); ++value) {
-        values[static_cast<unsigned char>(kHexDigits[value])] = static_cast<uint8_t>(value);
-    }
-    return values;
-}();
-
 // Takes a packed text apart from its start. Each Take answers whether the text went on as it must; it reads the one
 // form that packing writes.
 class Reader {
@@ -170,18 +193,23 @@ public:
     template <typename Number>
     bool TakeHex(Number& value) {
         constexpr size_t kDigits = 2 * sizeof(Number);
-        if (rest_.size() < kDigits) return false;
-        uint64_t number = 0;
-        unsigned seen = 0;    // all digits or'ed together
-        for (size_t i = 0; i < kDigits; ++i) {
-            const uint8_t digit = kHexDigitValues[static_cast<unsigned char>(rest_[i])];
-            number = number << 4 | digit;
-            seen |= digit;
+        if constexpr (kDigits > 8) {
+            uint32_t high = 0;
+            uint32_t low = 0;
+            if (!TakeHex(high) || !TakeHex(low)) return false;
+            value = Number{high} << 32 | low;
+            return true;
+        } else {
+            if (rest_.size() < kDigits) return false;
+            HexDigits digits;
+            digits.fill('0');
+            std::memcpy(digits.end() - kDigits, rest_.data(), kDigits);
+            const std::optional<uint32_t> number = ParseHex(digits);
+            if (!number) return false;
+            value = static_cast<Number>(*number);
+            rest_.remove_prefix(kDigits);
+            return true;
         }
-        if (seen > 0xf) return false;
-        value = static_cast<Number>(number);
-        rest_.remove_prefix(kDigits);
-        return true;
     }
 
     // A key up to the end of its line, into an array that is zeroed.

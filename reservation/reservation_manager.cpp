@@ -1,6 +1,7 @@
 #include "reservation/reservation_manager.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <new>
 #include <span>
+#include <tuple>
 #include <utility>
 
 #include "host/dov_msg.h"
@@ -115,17 +117,43 @@ void SortGuids(uint64_t* guids, uint32_t count) {
     if (!std::is_sorted(guids, guids + count)) std::sort(guids, guids + count);
 }
 
+// The first GUID of an ascending list that is not below `guid`. Steps grow from its start, near which it mostly is, so
+// that going through a list costs no more than its length, and far less when few GUIDs are looked for in a long one.
+const uint64_t* SkipBelow(const uint64_t* first, const uint64_t* last, uint64_t guid) {
+    ptrdiff_t step = 1;
+    for (; step < last - first && first[step] < guid; step *= 2) first += step;
+    return std::lower_bound(first, first + std::min(step, last - first), guid);
+}
+
 // The GUIDs of `left` that are not in `right`; both ascending.
 GuidList Difference(const uint64_t* left, size_t num_left, const uint64_t* right, size_t num_right) {
-    GuidList difference(std::max(num_left, num_right));
-    difference.erase(std::set_difference(left, left + num_left, right, right + num_right, difference.begin()),
-                     difference.end());
+    const uint64_t* const left_end = left + num_left;
+    const uint64_t* const right_end = right + num_right;
+    GuidList difference;
+    difference.reserve(std::max(num_left, num_right));
+    while (left != left_end) {
+        std::tie(left, right) = std::mismatch(left, left_end, right, right_end);
+        if (left == left_end) break;
+        right = SkipBelow(right, right_end, *left);
+        const uint64_t* const common = right != right_end ? SkipBelow(left, left_end, *right) : left_end;
+        difference.insert(difference.end(), left, common);
+        left = common;
+    }
     return difference;
 }
 
 GuidList Merged(const GuidList& left, const GuidList& right) {
-    GuidList merged(left.size() + right.size());
-    std::merge(left.begin(), left.end(), right.begin(), right.end(), merged.begin());
+    GuidList merged;
+    merged.reserve(left.size() + right.size());
+    const uint64_t* next = left.data();
+    const uint64_t* const end = next + left.size();
+    for (const uint64_t guid : right) {
+        const uint64_t* const place = SkipBelow(next, end, guid);
+        merged.insert(merged.end(), next, place);
+        merged.push_back(guid);
+        next = place;
+    }
+    merged.insert(merged.end(), next, end);
     return merged;
 }
 
@@ -133,21 +161,16 @@ GuidList Merged(const GuidList& left, const GuidList& right) {
 const uint64_t* SmallestCommonGuid(const vesk_reservation_info& info, const GuidList& guids) {
     const uint64_t* held = info.guids;
     const uint64_t* const held_end = info.guids + info.num_guids;
-    auto guid = guids.begin();
-    while (held != held_end && guid != guids.end()) {
-        if (*held == *guid) return held;
-        if (*held < *guid) {
-            ++held;
-        } else {
-            ++guid;
-        }
+    for (const uint64_t guid : guids) {
+        held = SkipBelow(held, held_end, guid);
+        if (held != held_end && *held == guid) return held;
     }
     return nullptr;
 }
 
 // Follows GUIDs through the index of reserved HCAs. GUIDs come ascending nearly always, and neighbours in a request are
-// neighbours in the index: a GUID is looked for a few steps on, and searched for from the root only when it is farther,
-// or lies behind. The index must not be changed but through the walk while it is used.
+// neighbours in the index: a GUID is looked for two steps on, and searched for from the root when it is not there. The
+// index must not be changed but through the walk while it is used.
 class HcaWalk {
 public:
     using Index = std::map<uint64_t, ReservationHCAInfo>;
@@ -157,28 +180,28 @@ public:
     // The GUID's record, or null.
     ReservationHCAInfo* Find(uint64_t guid) { return Reach(guid) ? &place_->second : nullptr; }
 
-    void InsertIfAbsent(uint64_t guid, ReservationInfo* owner) {
-        if (!Reach(guid)) place_ = index_.emplace_hint(place_, guid, ReservationHCAInfo{owner});
+    // The GUID's owner, which is `owner` when it had none. The place stays behind a new entry, as the next GUID belongs
+    // there: to step over the last entry is to climb the whole tree.
+    ReservationInfo* Claim(uint64_t guid, ReservationInfo* owner) {
+        if (Reach(guid)) return place_->second.reservation;
+        return index_.emplace_hint(place_, guid, ReservationHCAInfo{owner})->second.reservation;
     }
 
-    void Erase(uint64_t guid) {
-        if (Reach(guid)) place_ = index_.erase(place_);
-    }
+    // Erases what Find has just found.
+    void EraseFound() { place_ = index_.erase(place_); }
 
 private:
-    static constexpr int kSteps = 8;
+    static constexpr int kSteps = 2;    // past one HCA of another reservation
 
     // Goes to the first entry that is not below the GUID, and tells whether it is the GUID's.
     bool Reach(uint64_t guid) {
-        int steps = guid < guid_ ? 0 : kSteps;
-        while (steps > 0 && place_ != index_.end() && place_->first < guid) {
-            ++place_;
-            --steps;
-        }
-        if (steps == 0) place_ = index_.lower_bound(guid);
+        for (int steps = guid >= guid_ ? kSteps : 0; steps > 0 && IsBelow(guid); --steps) ++place_;
+        if (guid < guid_ || IsBelow(guid)) place_ = index_.lower_bound(guid);
         guid_ = guid;
         return place_ != index_.end() && place_->first == guid;
     }
+
+    bool IsBelow(uint64_t guid) const { return place_ != index_.end() && place_->first < guid; }
 
     Index& index_;
     Index::iterator place_;    // the first entry that is not below guid_
@@ -243,16 +266,29 @@ bool HasReservationFileName(const char* name) {
     return std::strncmp(name, kReservationFilePrefix, std::strlen(kReservationFilePrefix)) == 0;
 }
 
-// Opens a file, unless it is one whose opening could wait for somebody, as a named pipe's does.
+// Whether opening the file could wait for somebody.
+bool IsPipe(const std::string& path) {
+    std::error_code error;
+    return std::filesystem::status(path, error).type() == std::filesystem::file_type::fifo;
+}
+
+// Opens a file, unless it is a pipe.
 template <typename Stream>
 void Open(Stream& file, const std::string& path, std::ios_base::openmode mode) {
-    std::error_code error;
-    if (std::filesystem::status(path, error).type() == std::filesystem::file_type::fifo) {
+    if (IsPipe(path)) {
         errno = EINVAL;
         file.setstate(std::ios_base::failbit);
         return;
     }
     file.open(path, mode | std::ios_base::binary);
+}
+
+// Whether Open opens the file for reading. It makes no stream, which would take longer than the rest of a deletion.
+bool CanBeRead(const std::string& path) {
+    if (IsPipe(path)) return false;
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file >= 0) close(file);
+    return file >= 0;
 }
 
 struct DirCloser {
@@ -326,6 +362,7 @@ void ReservationInfo::UpdateReservationInfo(const GuidList& guids) {
     delete[] info.guids;
     info.guids = copy;
     info.num_guids = static_cast<uint32_t>(guids.size());
+    owns_all_guids = false;
 }
 
 uint32_t ReservationInfo::CheckModifiedResources(const vesk_create_reservation& request) const {
@@ -358,20 +395,29 @@ void ReservationManager::AddReservationToDB(ReservationInfo* info) {
     if (reservations.find(info->info.reservation_key) == reservations.end()) {
         reservations.emplace(info->info.reservation_key, info);
     }
-    IndexGuids(info, info->info.guids, info->info.num_guids);
+    info->owns_all_guids = IndexGuids(info, info->info.guids, info->info.num_guids);
 }
 
-void ReservationManager::IndexGuids(ReservationInfo* info, const uint64_t* guids, size_t count) {
+// Gives the reservation those of the GUIDs that have no owner. Tells whether it owns all of them now and they ascend,
+// as all GUIDs do but those from a file that somebody else has written.
+bool ReservationManager::IndexGuids(ReservationInfo* info, const uint64_t* guids, size_t count) {
     HcaWalk walk(hca_infos);
-    for (size_t i = 0; i < count; ++i) walk.InsertIfAbsent(guids[i], info);
+    bool owns_all = true;
+    for (size_t i = 0; i < count; ++i) {
+        owns_all &= walk.Claim(guids[i], info) == info;
+        owns_all &= i == 0 || guids[i - 1] < guids[i];
+    }
+    return owns_all;
 }
 
 // Takes the GUIDs out of the index: all of them, or those that `owner` has when it is given.
 void ReservationManager::UnindexGuids(const uint64_t* guids, size_t count, const ReservationInfo* owner) {
     HcaWalk walk(hca_infos);
     for (size_t i = 0; i < count; ++i) {
-        const ReservationHCAInfo* hca = owner != nullptr ? walk.Find(guids[i]) : nullptr;
-        if (owner == nullptr || (hca != nullptr && hca->reservation == owner)) walk.Erase(guids[i]);
+        const ReservationHCAInfo* hca = walk.Find(guids[i]);
+        if (hca == nullptr || (owner != nullptr && hca->reservation != owner)) continue;
+        hca->reservation->owns_all_guids = false;
+        walk.EraseFound();
     }
 }
 
@@ -494,6 +540,12 @@ uint32_t ReservationManager::CreateOrReplace(const vesk_create_reservation& requ
 uint32_t ReservationManager::HandleAddedGuidsAndOtherReservations(const char* reservation_key, uint32_t num_guids,
                                                                   const uint64_t* guids,
                                                                   std::unordered_set<ReservationInfo*>& affected) {
+    // What the reservation is known to own already is not looked up.
+    const ReservationInfo* const holder = GetReservationInfoByKey(reservation_key);
+    const bool owns_all = holder != nullptr && holder->owns_all_guids;
+    const uint64_t* held = owns_all ? holder->info.guids : nullptr;
+    const uint64_t* const held_end = owns_all ? held + holder->info.num_guids : nullptr;
+
     HcaWalk walk(hca_infos);
     for (uint32_t i = 0; i < num_guids; ++i) {
         const uint64_t guid = guids[i];
@@ -507,6 +559,8 @@ uint32_t ReservationManager::HandleAddedGuidsAndOtherReservations(const char* re
                         reservation_key, guid);
             return VESK_STATUS_DUPLICATE_GUID;
         }
+        held = SkipBelow(held, held_end, guid);
+        if (held != held_end && *held == guid) continue;
         const ReservationHCAInfo* hca = walk.Find(guid);
         if (hca == nullptr || affected.contains(hca->reservation)) continue;
 
@@ -580,7 +634,7 @@ void ReservationManager::PostUpdateReservation(ReservationInfo* info,
                     other->info.reservation_key);
         InternalDeleteReservation(other);
     }
-    AddReservationToDB(info);
+    if (!info->owns_all_guids) AddReservationToDB(info);
 }
 
 // ---- Info ----
@@ -664,10 +718,12 @@ uint32_t ReservationManager::PerformUpdateAfterDataPreparation(ReservationInfo* 
 
     // What can run out of memory comes first, so that it can be undone.
     Rollback unindex([&] { UnindexGuids(added_guids.data(), added_guids.size(), info); });
-    IndexGuids(info, added_guids.data(), added_guids.size());
+    const bool owned_all = info->owns_all_guids;
+    const bool owns_added = IndexGuids(info, added_guids.data(), added_guids.size());
     info->UpdateReservationInfo(new_guids);
     unindex.Done();
     UnindexGuids(removed_guids.data(), removed_guids.size(), nullptr);
+    info->owns_all_guids = owned_all && owns_added;
 
     RESERVE_LOG(3, "Update existing reservation, key=%s, new number of guids=%lu (Added: %lu, Deleted: %lu)",
                 info->info.reservation_key, new_guids.size(), added_guids.size(), removed_guids.size());
@@ -1080,10 +1136,7 @@ void ReservationManager::DeleteReservationInfoFile(const vesk_reservation_info& 
 }
 
 void ReservationManager::DeleteFile(const std::string& path) const {
-    std::ifstream file;
-    Open(file, path, std::ios_base::in);
-    if (!file.is_open()) return;
-    file.close();
+    if (!CanBeRead(path)) return;
     RESERVE_LOG(3, "Delete file at %s\n", path.c_str());
     unlink(path.c_str());
 }

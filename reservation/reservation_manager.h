@@ -48,6 +48,7 @@ struct ReservationInfo {
     uint64_t reservation_id = 0;    // 0: none yet
     uint32_t max_trees = 0;    // trees that the jobs may use together, per plane
     uint32_t used_trees = 0;    // trees that they use, over all planes
+    bool owns_all_guids = false;    // whether it is known to own all GUIDs of its list, and that to be ascending
 
     // An empty reservation, for SetReservationInfo to fill.
     ReservationInfo() = default;
@@ -251,7 +252,7 @@ public:
     void RemoveGuidFromReservation(ReservationInfo* reservation, uint64_t guid);
 
 private:
-    void IndexGuids(ReservationInfo* info, const uint64_t* guids, size_t count);
+    bool IndexGuids(ReservationInfo* info, const uint64_t* guids, size_t count);
     void UnindexGuids(const uint64_t* guids, size_t count, const ReservationInfo* owner);
     void UnregisterReservation(const ReservationInfo* info, const ReservationInfo* guid_owner) noexcept;
     void ForgetNewReservation(ReservationInfo* info) noexcept;

@@ -4,7 +4,7 @@
 
 source "$(dirname "$0")/prepare.sh"
 preset=release
-packages=("${PACKAGES[@]}")
+packages=("${PACKAGES[@]}" openssl)
 if [ "${1:-}" = --sanitize ]; then
     shift
     preset=sanitize

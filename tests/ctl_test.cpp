@@ -39,20 +39,14 @@ std::string FaultOf(Operation operation) {
 // What a daemon holds, as far as plans go: it refuses to let one reservation take the GUIDs of another.
 class Model {
 public:
-    explicit Model(const Reservations& reservations) : reservations_(reservations.begin(), reservations.end()) {}
+    explicit Model(const Reservations& reservations) : reservations_(reservations) {}
 
-    // Returns whether the step is carried out.
-    bool CarryOut(const Step& step) {
-        return std::visit([this](const auto& request) { return CarryOut(request); }, step.request);
-    }
+    const Reservations& Listing() const { return reservations_; }
 
-    Reservations Listing() const { return {reservations_.begin(), reservations_.end()}; }
-
-private:
+    // Returns whether the request is carried out.
     bool CarryOut(const v1::CreateReservationRequest& request) {
         if (Find(request.key()) != reservations_.end() || request.guids().empty()) return false;
-        reservations_.emplace_back();
-        v1::Reservation& reservation = reservations_.back();
+        v1::Reservation& reservation = *reservations_.Add();
         reservation.set_key(request.key());
         reservation.set_pkey(request.pkey());
         if (request.has_limits()) *reservation.mutable_limits() = request.limits();
@@ -78,6 +72,7 @@ private:
         return true;
     }
 
+private:
     bool Take(v1::Reservation& reservation, const google::protobuf::RepeatedField<uint64_t>& guids) const {
         std::set<uint64_t> held;
         for (const v1::Reservation& other : reservations_) held.insert(other.guids().begin(), other.guids().end());
@@ -85,12 +80,12 @@ private:
         return std::none_of(guids.begin(), guids.end(), [&](uint64_t guid) { return held.contains(guid); });
     }
 
-    std::vector<v1::Reservation>::iterator Find(const std::string& key) {
-        return std::find_if(reservations_.begin(), reservations_.end(),
-                            [&key](const v1::Reservation& reservation) { return reservation.key() == key; });
+    Reservations::iterator Find(const std::string& key) {
+        const auto has_key = [&](const v1::Reservation& reservation) { return reservation.key() == key; };
+        return std::find_if(reservations_.begin(), reservations_.end(), has_key);
     }
 
-    std::vector<v1::Reservation> reservations_;
+    Reservations reservations_;
 };
 
 Reservations Parse(const std::string& reservations) {
@@ -102,7 +97,7 @@ std::string PlanAndCarryOut(Model& model, const Reservations& wanted) {
     std::string text = "\n";
     for (const Step& step : PlanChanges(model.Listing(), wanted)) {
         text += (step.waits ? "then " : "") + Describe(step) + "\n";
-        EXPECT_TRUE(model.CarryOut(step)) << text;
+        EXPECT_TRUE(std::visit([&](const auto& request) { return model.CarryOut(request); }, step.request)) << text;
     }
     return text;
 }
@@ -237,9 +232,8 @@ TEST(DescribeTest, TellsWhatARefusalRanInto) {
 TEST(TextTest, KnowsUtf8) {
     for (const char* text : {"", "plain", "gr\xc3\xb6\xc3\x9f", "\xe2\x82\xac", "\xf0\x9f\x98\x80"})
         EXPECT_TRUE(IsUtf8(text));
-    for (const char* text : {"\xff", "\xc3", "a\x80", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82"}) {
+    for (const char* text : {"\xff", "\xc3", "a\x80", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82"})
         EXPECT_FALSE(IsUtf8(text));
-    }
 }
 
 }    // namespace

@@ -1,5 +1,6 @@
 // The daemon's engine without its network: what was answered is there after the process dies, and what was not is not.
 
+#include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -13,7 +14,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "daemon/engine.h"
 #include "daemon/log_sink.h"
@@ -23,8 +23,6 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace v1 = reservation::v1;
-
-using Guids = std::vector<uint64_t>;
 
 class DaemonTest : public testing::Test {
 protected:
@@ -42,75 +40,48 @@ protected:
     EngineSettings settings;
 };
 
-// An engine whose calls are waited for.
+// An engine whose calls are waited for. Requests are in protocol buffers' text format.
 class Daemon {
 public:
     explicit Daemon(const EngineSettings& settings) : engine(settings) {}
 
-    void Call(bool changes_something, const std::function<void(ReservationBook&)>& run) {
+    template <typename Request, typename Reply>
+    Reply Call(bool changes_something, void (ReservationBook::*operation)(const Request&, Reply*),
+               const std::string& fields) {
+        Request request;
+        EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(fields, &request));
+        Reply reply;
+        const auto run = [&](ReservationBook& book) {
+            reply.Clear();
+            (book.*operation)(request, &reply);
+        };
         std::promise<std::string> refusal;
         engine.Submit({changes_something, run, [&](Refusal, const std::string& text) { refusal.set_value(text); }});
         EXPECT_EQ(refusal.get_future().get(), "");
-    }
-
-    v1::ReservationReply Create(const std::string& key, const Guids& guids, bool dry_run = false) {
-        v1::CreateReservationRequest request;
-        request.set_key(key);
-        request.mutable_guids()->Add(guids.begin(), guids.end());
-        request.set_dry_run(dry_run);
-        v1::ReservationReply reply;
-        Call(!dry_run, [&](ReservationBook& book) { book.CreateReservation(request, &reply); });
         return reply;
     }
 
-    v1::ReservationReply Add(const std::string& key, uint64_t guid) {
-        v1::UpdateReservationRequest request;
-        request.set_key(key);
-        request.add_add_guids(guid);
-        v1::ReservationReply reply;
-        Call(true, [&](ReservationBook& book) { book.UpdateReservation(request, &reply); });
-        return reply;
+    v1::ReservationReply Create(const std::string& fields) {
+        return Call(true, &ReservationBook::CreateReservation, fields);
     }
-
-    v1::BeginJobReply Begin(uint64_t job_id, const Guids& guids) {
-        v1::BeginJobRequest request;
-        request.set_job_id(job_id);
-        request.mutable_guids()->Add(guids.begin(), guids.end());
-        request.set_trees(2);
-        v1::BeginJobReply reply;
-        Call(true, [&](ReservationBook& book) { book.BeginJob(request, &reply); });
-        return reply;
-    }
-
-    std::string ReportPort(uint64_t guid, uint32_t pkey) {
-        v1::ReportPortRequest request;
-        request.set_guid(guid);
-        request.add_pkeys(pkey);
-        v1::ReportPortReply reply;
-        Call(true, [&](ReservationBook& book) { book.ReportPort(request, &reply); });
-        return reply.reservation_key();
+    v1::BeginJobReply Begin(const std::string& fields) { return Call(true, &ReservationBook::BeginJob, fields); }
+    std::string ReportPort(const std::string& fields) {
+        return Call(true, &ReservationBook::ReportPort, fields).reservation_key();
     }
 
     // A line for each reservation and each job: "A {1,2} 2 trees, jobs 7", "job 7 of A" with " waits" if not counted.
     std::string State() {
-        v1::ReservationReply reservations;
-        v1::ListJobsReply jobs;
-        v1::GetReservationsRequest request;
-        request.set_with_details(true);
-        Call(false, [&](ReservationBook& book) {
-            reservations.Clear();
-            book.GetReservations(request, &reservations);
-            book.ListJobs({}, &jobs);
-        });
         std::ostringstream text;
-        for (const v1::Reservation& reservation : reservations.reservations()) {
+        const v1::ReservationReply all = Call(false, &ReservationBook::GetReservations, "with_details: true");
+        for (const v1::Reservation& reservation : all.reservations()) {
             text << reservation.key() << " {";
             for (const uint64_t guid : reservation.guids()) text << guid << ",";
             text << "} " << reservation.used_trees() << " trees, jobs";
             for (const uint64_t job_id : reservation.job_ids()) text << " " << job_id;
             text << "\n";
         }
-        for (const v1::Job& job : jobs.jobs()) {
+        const v1::ListJobsReply running = Call(false, &ReservationBook::ListJobs, "");
+        for (const v1::Job& job : running.jobs()) {
             text << "job " << job.job_id() << " of " << job.reservation_key() << (job.accounted() ? "\n" : " waits\n");
         }
         return text.str();
@@ -155,10 +126,10 @@ TEST_F(DaemonTest, WhatWasAnsweredSurvivesTheProcessAndDamagedFiles) {
     settings.kept_events = 3;
     DieAfter([&] {
         Daemon daemon(settings);
-        daemon.Create("A", {3, 1, 2});
-        daemon.Create("B", {8, 9});
-        daemon.Add("A", 4);
-        daemon.Begin(7, {1, 4});
+        daemon.Create("key: 'A' guids: [3, 1, 2]");
+        daemon.Create("key: 'B' guids: [8, 9]");
+        daemon.Call(true, &ReservationBook::UpdateReservation, "key: 'A' add_guids: 4");
+        daemon.Begin("job_id: 7 guids: [1, 4] trees: 2");
         EXPECT_THROW(Engine second(settings), std::runtime_error);
     });
     const std::string record_of_a = Content(PathOf("reservation.A"));
@@ -177,10 +148,10 @@ TEST_F(DaemonTest, WhatWasAnsweredSurvivesTheProcessAndDamagedFiles) {
     EXPECT_FALSE(fs::exists(PathOf("reservation.damaged")));
 
     // The job that runs is admitted again without being counted again.
-    EXPECT_EQ(daemon.Begin(7, {4, 1}).reservation_key(), "A");
-    EXPECT_EQ(daemon.Begin(7, {1}).result(), v1::BeginJobReply::RESULT_ALREADY_RUNNING);
-    EXPECT_EQ(daemon.Create("C", {9, 10}).conflict().reservation_key(), "B");
-    daemon.Create("C", {10});
+    EXPECT_EQ(daemon.Begin("job_id: 7 guids: [4, 1] trees: 2").reservation_key(), "A");
+    EXPECT_EQ(daemon.Begin("job_id: 7 guids: [1] trees: 2").result(), v1::BeginJobReply::RESULT_ALREADY_RUNNING);
+    EXPECT_EQ(daemon.Create("key: 'C' guids: [9, 10]").conflict().reservation_key(), "B");
+    daemon.Create("key: 'C' guids: [10]");
     EXPECT_EQ(daemon.Events(), "2_RESERVATION_CREATED B; 3_RESERVATION_UPDATED A; 4_RESERVATION_CREATED C; ");
     EXPECT_EQ(daemon.State(),
               "A {1,2,3,4,} 2 trees, jobs 7\n"
@@ -193,17 +164,17 @@ TEST_F(DaemonTest, WhatWasAnsweredSurvivesTheProcessAndDamagedFiles) {
 TEST_F(DaemonTest, FilesFollowTheStoreUnlessTheyAreAnOperators) {
     DieAfter([&] {
         Daemon daemon(settings);
-        daemon.Create("A", {1});
-        daemon.Create("B", {2});
-        daemon.Create("C", {3});
+        daemon.Create("key: 'A' guids: [1]");
+        daemon.Create("key: 'B' guids: [2]");
+        daemon.Create("key: 'C' guids: [3]");
     });
     DieAfter([&] {
         EngineSettings elsewhere = settings;
         elsewhere.options.persistent_dir += "/elsewhere";
         Daemon daemon(elsewhere);
-        daemon.Create("C", {3, 4});
-        daemon.Create("D", {5});
-        daemon.Create("E", {6});
+        daemon.Create("key: 'C' guids: [3, 4]");
+        daemon.Create("key: 'D' guids: [5]");
+        daemon.Create("key: 'E' guids: [6]");
     });
     const fs::path elsewhere = PathOf("elsewhere");
     {
@@ -235,18 +206,19 @@ TEST_F(DaemonTest, ADryRunTellsWhatWouldHappenAndDoesNothing) {
     settings.options.reservation_allow_guid_override = true;
     settings.options.reservation_allow_ending_jobs = true;
     Daemon daemon(settings);
-    daemon.Create("A", {1, 2});
-    daemon.Create("B", {3, 4});
-    daemon.Begin(7, {3});
+    daemon.Create("key: 'A' guids: [1, 2]");
+    daemon.Create("key: 'B' guids: [3, 4]");
+    daemon.Begin("job_id: 7 guids: [3] trees: 2");
     const std::string state = daemon.State();
     const std::string events = daemon.Events();
 
-    const v1::ReservationReply foretold = daemon.Create("A", {2, 4}, true);
+    const v1::ReservationReply foretold =
+        daemon.Call(false, &ReservationBook::CreateReservation, "key: 'A' guids: [2, 4] dry_run: true");
     EXPECT_EQ(daemon.State(), state);
     EXPECT_EQ(daemon.Events(), events);
     EXPECT_EQ(foretold.consequences().deleted_reservation_keys(0), "B");
     EXPECT_EQ(foretold.consequences().ended_job_ids(0), 7U);
-    EXPECT_EQ(foretold.SerializeAsString(), daemon.Create("A", {2, 4}).SerializeAsString());
+    EXPECT_EQ(foretold.SerializeAsString(), daemon.Create("key: 'A' guids: [2, 4]").SerializeAsString());
     EXPECT_EQ(daemon.State(), "A {2,4,} 0 trees, jobs\n");
     EXPECT_EQ(daemon.Events(), events +
                                    "3_RESERVATION_UPDATED A; 4_JOB_ERROR B 7; 5_JOB_END B 7; "
@@ -257,16 +229,16 @@ TEST_F(DaemonTest, JobsAreCountedAgainWhenTheirPortsAreReportedAgain) {
     settings.options.reservation_auto_by_pkeys = true;
     DieAfter([&] {
         Daemon daemon(settings);
-        daemon.ReportPort(1, 0x7fff);
-        daemon.ReportPort(2, 0x7fff);
-        daemon.Begin(7, {1, 2});
+        daemon.ReportPort("guid: 1 pkeys: 0x7fff");
+        daemon.ReportPort("guid: 2 pkeys: 0x7fff");
+        daemon.Begin("job_id: 7 guids: [1, 2] trees: 2");
     });
     Daemon daemon(settings);
     EXPECT_EQ(daemon.State(), "job 7 of reservation_0x7fff waits\n");
-    EXPECT_EQ(daemon.ReportPort(2, 0x7fff), "reservation_0x7fff");
+    EXPECT_EQ(daemon.ReportPort("guid: 2 pkeys: 0x7fff"), "reservation_0x7fff");
     EXPECT_EQ(daemon.State(), "reservation_0x7fff {2,} 0 trees, jobs\njob 7 of reservation_0x7fff waits\n");
-    daemon.ReportPort(1, 0x7fff);
-    daemon.ReportPort(1, 0x7fff);
+    daemon.ReportPort("guid: 1 pkeys: 0x7fff");
+    daemon.ReportPort("guid: 1 pkeys: 0x7fff");
     EXPECT_EQ(daemon.State(), "reservation_0x7fff {1,2,} 2 trees, jobs 7\njob 7 of reservation_0x7fff\n");
 }
 

@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <new>
+#include <set>
 
 #include "host/dov_msg.h"
 #include "host/log.h"
@@ -20,6 +22,7 @@ Shortage g_shortage = Shortage::kNone;
 size_t g_allocations_before_it = 0;
 bool g_was_short = false;
 size_t g_num_live = 0;
+std::set<std::string> g_records;    // those of the shortage itself
 
 bool IsShort() {
     if (g_shortage == Shortage::kNone) return false;
@@ -80,15 +83,29 @@ void RunShortOfMemory(const std::function<void()>& prepare, const std::function<
     }
 }
 
-// A daemon whose own part in an operation needs memory for the events alone. Requests of its own have an endpoint.
+// Too long for a string to hold without an allocation.
+const std::string kKey = "the reservation that the request is about";
+const std::string kOther = "the reservation that holds the GUIDs wanted";
+
+// A daemon whose own part in an operation needs memory for the events alone. Its replies to nobody are not looked at.
+// Unless it is to be made, the reservation that requests are about holds 1, 2 and 3; the other one 7 and 8. Jobs run in
+// both.
 class ShortDaemon : public TestDaemon {
 public:
-    ShortDaemon() {
-        log_set_sink([](const LogRecord&) {});
+    explicit ShortDaemon(bool exists) {
+        log_set_sink([](const LogRecord& record) {
+            if (record.message.starts_with("Not enough memory"))
+                g_records.insert(std::to_string(record.level) + " " + record.function + ": " + record.message);
+        });
         log_set_level(4);
         options.reservation_allow_guid_override = true;
         options.reservation_allow_ending_jobs = true;
         options.max_jobs_per_hca = 8;
+        if (exists) Create(kKey, {1, 2, 3});
+        Create(kOther, {7, 8});
+        exists ? Admit(1, kKey, {1, 2}, 2, 2) : Run(2, kKey, {1, 2}, 2, 2);
+        Admit(3, kOther, {8});
+        num_replies = 0;
     }
 
     mutable int num_replies = 0;
@@ -102,149 +119,115 @@ public:
     }
     void HandleJobError(VeskJob*, vesk_error_value, vesk_error_type, bool, bool) override {}
     void SendEndJob(dov_ep*, const VeskJob* job) override { Forget(*job); }
-    void AddReservationCreatedEvent(const char* key) override { Note(key); }
-    void AddReservationUpdatedEvent(const char* key) override { Note(key); }
-    void AddReservationRemovedEvent(const char* key) override { Note(key); }
+    void AddReservationCreatedEvent(const char* key) override { events_.emplace_back(key); }
+    void AddReservationUpdatedEvent(const char* key) override { events_.emplace_back(key); }
+    void AddReservationRemovedEvent(const char* key) override { events_.emplace_back(key); }
 
-private:
-    void Note(const char* key) { events_.emplace_back(key); }
-
-    std::vector<std::string> events_;
-};
-
-// Too long for a string to hold without an allocation.
-const std::string kKey = "the reservation that the request is about";
-const std::string kOther = "the reservation that holds the GUIDs wanted";
-
-class OutOfMemory : public testing::Test {
-protected:
-    // The request's reservation holds 1, 2 and 3, unless it is to be made; the other one 7 and 8. Jobs run in both.
-    void Check(bool exists, const std::function<void(ReservationManager&)>& operation, size_t fewest_allocations) {
-        std::unique_ptr<ShortDaemon> daemon;
-        const auto prepare = [&] {
-            daemon.reset();
-            daemon = std::make_unique<ShortDaemon>();
-            if (exists) daemon->Create(kKey, {1, 2, 3});
-            daemon->Create(kOther, {7, 8});
-            if (exists) daemon->Admit(1, kKey, {1, 2}, 2, 2);
-            if (!exists) daemon->Run(2, kKey, {1, 2}, 2, 2);
-            daemon->Admit(3, kOther, {8});
-            daemon->num_replies = 0;
-        };
-        const auto check = [&] {
-            EXPECT_EQ(daemon->num_replies, 1);
-            EXPECT_EQ(daemon->status, 0u);
-            CheckDaemon(*daemon);
-            operation(*daemon->manager);
-            CheckDaemon(*daemon);
-            EXPECT_EQ(daemon->Create("another", {100}), 0u);
-            EXPECT_EQ(daemon->Delete("another"), 0u);
-        };
-        RunShortOfMemory(
-            prepare, [&] { operation(*daemon->manager); }, check, fewest_allocations);
-    }
-
-    static void CheckDaemon(const TestDaemon& daemon) {
-        EXPECT_EQ(RegistryFault(*daemon.manager, false), "");
+    void Check() const {
+        EXPECT_EQ(RegistryFault(*manager, false), "");
         size_t num_accounted = 0;
         size_t num_entries = 0;
-        for (const VeskJob* job : daemon.RunningJobs()) num_accounted += job->reservation_accounted ? 1 : 0;
-        for (const auto& [key, reservation] : daemon.manager->reservations) {
+        for (const VeskJob* job : RunningJobs()) num_accounted += job->reservation_accounted ? 1 : 0;
+        for (const auto& [key, reservation] : manager->reservations) {
             num_entries += reservation->jobs.size();
             EXPECT_EQ(reservation->used_trees, reservation->jobs.empty() ? 0u : key == kKey ? 4u : 1u);
         }
         EXPECT_EQ(num_accounted, num_entries);
     }
+
+private:
+    std::vector<std::string> events_;
 };
 
-vesk_create_reservation CreateRequest(Guids& guids) {
-    vesk_create_reservation request{"", 0x7fff, static_cast<uint32_t>(guids.size()), guids.data(), {}, 0};
+// The request is answered all the same, leaves the registry whole, and can be repeated.
+void CheckRequest(bool exists, size_t fewest_allocations, const std::function<void(ReservationManager&)>& request) {
+    std::unique_ptr<ShortDaemon> daemon;
+    const auto prepare = [&] {
+        daemon.reset();
+        daemon = std::make_unique<ShortDaemon>(exists);
+    };
+    const auto run = [&] { request(*daemon->manager); };
+    const auto check = [&] {
+        EXPECT_EQ(daemon->num_replies, 1);
+        EXPECT_EQ(daemon->status, 0u);
+        daemon->Check();
+        run();
+        daemon->Check();
+        EXPECT_EQ(daemon->Create("another", {100}), 0u);
+    };
+    RunShortOfMemory(prepare, run, check, fewest_allocations);
+}
+
+template <typename Request>
+Request AboutKey() {
+    Request request{};
     vesk_copy_key(request.reservation_key, kKey.c_str());
-    std::copy(kNoLimits.begin(), kNoLimits.end(), request.limits);
     return request;
 }
 
-TEST_F(OutOfMemory, Create) {
+TEST(OutOfMemory, CreateOrReplace) {
     Guids guids{7, 2, 1};
-    const vesk_create_reservation request = CreateRequest(guids);
-    Check(
-        false, [&](ReservationManager& manager) { manager.CreateReservation(request, nullptr, 0); }, 10);
+    auto request = AboutKey<vesk_create_reservation>();
+    request.num_guids = 3;
+    request.guids = guids.data();
+    request.pkey = 0x7fff;
+    std::copy(kNoLimits.begin(), kNoLimits.end(), request.limits);
+    const auto create = [&](ReservationManager& manager) { manager.CreateReservation(request, nullptr, 0); };
+    CheckRequest(false, 10, create);
+    CheckRequest(true, 10, create);
+    EXPECT_EQ(
+        g_records,
+        (std::set<std::string>{
+            "1 CreateReservationInfoFile: Not enough memory to write the reservation file of " + kKey + "\n",
+            "1 DeleteReservationInfoFile: Not enough memory to delete the reservation file of " + kOther + "\n"}));
 }
 
-TEST_F(OutOfMemory, Replace) {
-    Guids guids{7, 3, 2};
-    const vesk_create_reservation request = CreateRequest(guids);
-    Check(
-        true, [&](ReservationManager& manager) { manager.CreateReservation(request, nullptr, 0); }, 10);
-}
-
-TEST_F(OutOfMemory, Delta) {
+TEST(OutOfMemory, Delta) {
     Guids to_add{8, 4}, to_remove{2, 3};
-    vesk_update_reservation_by_delta request{"", 2, 2, to_add.data(), to_remove.data()};
-    vesk_copy_key(request.reservation_key, kKey.c_str());
-    Check(
-        true, [&](ReservationManager& manager) { manager.UpdateReservationByDelta(request, nullptr, 0); }, 10);
+    auto request = AboutKey<vesk_update_reservation_by_delta>();
+    request.num_guids_to_add = request.num_guids_to_remove = 2;
+    request.guids_to_add = to_add.data();
+    request.guids_to_remove = to_remove.data();
+    const auto update = [&](ReservationManager& manager) { manager.UpdateReservationByDelta(request, nullptr, 0); };
+    CheckRequest(true, 10, update);
 }
 
-TEST_F(OutOfMemory, Delete) {
-    vesk_delete_reservation request{};
-    vesk_copy_key(request.reservation_key, kKey.c_str());
-    Check(
-        true, [&](ReservationManager& manager) { manager.DeleteReservation(request, nullptr, 0); }, 3);
+TEST(OutOfMemory, InfoAndDelete) {
+    const auto deletion = AboutKey<vesk_delete_reservation>();
+    const auto about_key = AboutKey<vesk_reservation_info_request>();
+    CheckRequest(true, 3, [&](auto& manager) { manager.DeleteReservation(deletion, nullptr, 0); });
+    CheckRequest(true, 1, [&](auto& manager) { manager.ReservationInfoRequest(about_key, nullptr, 0); });
+    CheckRequest(true, 1, [](auto& manager) { manager.ReservationInfoRequest({}, nullptr, 0); });
 }
 
-TEST_F(OutOfMemory, Info) {
-    vesk_reservation_info_request request{};
-    request.with_details = 1;
-    Check(
-        true, [&](ReservationManager& manager) { manager.ReservationInfoRequest(request, nullptr, 0); }, 1);
-    vesk_copy_key(request.reservation_key, kKey.c_str());
-    Check(
-        true, [&](ReservationManager& manager) { manager.ReservationInfoRequest(request, nullptr, 0); }, 1);
-}
-
-TEST_F(OutOfMemory, Message) {
-    Guids guids{1, 2};
-    vesk_reservation_info info{"K", 1, 1, 2, guids.data(), {}, 0};
-    vesk_dov_msg msg{{}, &info};
-    char* buffer = nullptr;
-    uint64_t length = 0;
-    ASSERT_EQ(dov_msg_pack(0, VESK_MSG_TYPE_RESERVATION_INFO, 0, &msg, &buffer, &length), 0);
-    const std::string text(buffer, length);
-    free(buffer);
-    vesk_dov_msg* unpacked = nullptr;
-    int result = 0;
-    size_t num_live = 0;
-    RunShortOfMemory([&] { num_live = g_num_live; },
-                     [&] { result = dov_msg_unpack(0, VESK_MSG_TYPE_RESERVATION_INFO, text.c_str(), &unpacked); },
-                     [&] {
-                         EXPECT_EQ(result, 0);
-                         EXPECT_EQ(unpacked == nullptr, g_was_short);
-                         dov_vesk_msg_release(VESK_MSG_TYPE_RESERVATION_INFO, unpacked);
-                         EXPECT_EQ(g_num_live, num_live);
-                     },
-                     3);
-
-    // Nor is a good file taken for a bad one, which would be deleted.
+// A good file is not taken for a bad one, which would be deleted. Nothing stays allocated, of a damaged text either.
+TEST(OutOfMemory, File) {
     TestDaemon daemon;
     daemon.Create("K", {1, 2});
+    log_set_level(2);
     const std::string path = daemon.PathOf("K");
-    RunShortOfMemory([&] { unpacked = nullptr; },
-                     [&] { EXPECT_EQ(daemon.manager->BuildDataFromReservationFile(path.c_str(), unpacked), 0); },
-                     [&] {
-                         EXPECT_TRUE(unpacked != nullptr || g_was_short);
-                         dov_vesk_msg_release(VESK_MSG_TYPE_RESERVATION_INFO, unpacked);
-                     },
-                     3);
-
-    // A damaged text leaves nothing allocated.
-    for (size_t at = 0; at < text.size(); ++at) {
-        std::string damaged = text;
-        damaged[at] = static_cast<char>(damaged[at] ^ 1);
+    vesk_dov_msg* msg = nullptr;
+    size_t num_live = 0;
+    const auto prepare = [&] {
+        msg = nullptr;
         num_live = g_num_live;
-        EXPECT_NE(dov_msg_unpack(0, VESK_MSG_TYPE_RESERVATION_INFO, damaged.c_str(), &unpacked), 0);
-        EXPECT_EQ(unpacked, nullptr);
+    };
+    const auto read = [&] { EXPECT_EQ(daemon.manager->BuildDataFromReservationFile(path.c_str(), msg), 0); };
+    const auto check = [&] {
+        EXPECT_EQ(msg == nullptr, g_was_short);
+        dov_vesk_msg_release(VESK_MSG_TYPE_RESERVATION_INFO, msg);
         EXPECT_EQ(g_num_live, num_live);
+    };
+    RunShortOfMemory(prepare, read, check, 3);
+
+    std::string text;
+    std::getline(std::ifstream(path), text, '\0');
+    for (char& byte : text) {
+        byte = static_cast<char>(byte ^ 1);
+        num_live = g_num_live;
+        EXPECT_NE(dov_msg_unpack(0, VESK_MSG_TYPE_RESERVATION_INFO, text.c_str(), &msg), 0);
+        EXPECT_EQ(g_num_live, num_live);
+        byte = static_cast<char>(byte ^ 1);
     }
 }
 

@@ -249,22 +249,19 @@ TEST_F(ReplayTest, StoppedReplayIsNotOverwrittenMistakenOrHalfResumed) {
     const std::string in_state = " --persistent-dir state start.swf";
     ASSERT_EQ(RunProgram("--stop-after 200" + in_state), 0) << errors_;
     const std::string checkpoint = ReadFile(Path("state/replay_checkpoint.json"));
-    const auto refusal = [&](const std::string& arguments) {
+    WriteFile("other.swf", JobLine(1, 0, -1, 10, 1, -1, 1));
+    for (const auto& [arguments, refusal] : std::vector<std::pair<std::string, std::string>>{
+             {in_state, "--persistent-dir: state holds a stopped replay; go on with it by --resume"},
+             {"--resume --per job" + in_state, "--per: \"job\", but the replay was stopped with \"user\""},
+             {"--resume --persistent-dir state other.swf",
+              "other.swf: is not the trace of the replay that was stopped in state"},
+             {"--resume other.swf", "--resume requires --persistent-dir"},
+             {"--svg none/chart.svg other.swf", "--svg: none/chart.svg: No such file or directory"}}) {
         EXPECT_EQ(RunProgram(arguments), 2) << arguments;
         EXPECT_EQ(output_, "");
+        EXPECT_EQ(errors_, "reservation-replay: " + refusal + "\n");
         EXPECT_EQ(ReadFile(Path("state/replay_checkpoint.json")), checkpoint);
-        return errors_;
-    };
-    EXPECT_EQ(refusal(in_state),
-              "reservation-replay: --persistent-dir: state holds a stopped replay; go on with it by --resume\n");
-    EXPECT_EQ(refusal("--resume --per job" + in_state),
-              "reservation-replay: --per: \"job\", but the replay was stopped with \"user\"\n");
-    WriteFile("other.swf", JobLine(1, 0, -1, 10, 1, -1, 1));
-    EXPECT_EQ(refusal("--resume --persistent-dir state other.swf"),
-              "reservation-replay: other.swf: is not the trace of the replay that was stopped in state\n");
-    EXPECT_EQ(refusal("--resume other.swf"), "reservation-replay: --resume requires --persistent-dir\n");
-    EXPECT_EQ(refusal("--svg none/chart.svg other.swf"),
-              "reservation-replay: --svg: none/chart.svg: No such file or directory\n");
+    }
 
     const std::string file = Path("state/" + ReservationFilesIn(Path("state")).front());
     const std::string reservation = ReadFile(file);

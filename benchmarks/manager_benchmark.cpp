@@ -147,19 +147,33 @@ double Seconds(Operation operation) {
 
 // ---- Floors ----
 
-std::string PackedRecord(Guids guids) {
+// The record of a reservation that holds these GUIDs; they stay the caller's.
+vesk_reservation_info RecordOf(Guids& guids) {
     vesk_reservation_info info{};
     vesk_copy_key(info.reservation_key, kKey);
     info.num_guids = static_cast<uint32_t>(guids.size());
     info.guids = guids.data();
+    return info;
+}
+
+struct PackedText {
+    std::unique_ptr<char, decltype(&std::free)> buffer{nullptr, &std::free};
+    uint64_t length = 0;
+};
+
+PackedText Packed(vesk_reservation_info info) {
     vesk_dov_msg msg{};
     msg.data = &info;
     char* buffer = nullptr;
-    uint64_t length = 0;
-    if (dov_msg_pack(0, VESK_MSG_TYPE_RESERVATION_INFO, 0, &msg, &buffer, &length) != 0) std::abort();
-    std::string text(buffer, length);
-    std::free(buffer);
+    PackedText text;
+    if (dov_msg_pack(0, VESK_MSG_TYPE_RESERVATION_INFO, 0, &msg, &buffer, &text.length) != 0) std::abort();
+    text.buffer.reset(buffer);
     return text;
+}
+
+std::string PackedRecord(Guids guids) {
+    const PackedText text = Packed(RecordOf(guids));
+    return {text.buffer.get(), text.length};
 }
 
 std::string FilePath() { return Directory() + "/reservation." + kKey; }
@@ -196,56 +210,85 @@ double SecondsToErase(Index& index, const Guids& guids) {
     });
 }
 
+// ---- Operation and floor in turns ----
+
+double Median(std::vector<double> values) {
+    const auto middle = values.begin() + static_cast<ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+constexpr char kOperation[] = "operation";
+constexpr char kFloor[] = "floor";
+
+// Measures both in turns, so that whatever else the machine does meanwhile meets both alike. Each does its work once,
+// and returns the seconds that what counts of it took.
+template <typename Operation, typename Floor>
+void MeasureInTurns(benchmark::State& state, Operation operation, Floor floor) {
+    std::vector<double> operations;
+    std::vector<double> floors;
+    for (auto _ : state) {
+        operations.push_back(operation());
+        floors.push_back(floor());
+        state.SetIterationTime(operations.back());
+    }
+    state.counters[kOperation] = Median(std::move(operations));
+    state.counters[kFloor] = Median(std::move(floors));
+}
+
+// The seconds of one of many, for what takes hardly longer than to ask for the time.
+template <typename Operation>
+double SecondsOfOne(Operation operation) {
+    constexpr int kMany = 16;
+    return Seconds([&] {
+               for (int i = 0; i < kMany; ++i) operation();
+           }) /
+           kMany;
+}
+
 // ---- Changes ----
 
-Placement PlacementOf(const benchmark::State& state) { return static_cast<Placement>(state.range(3)); }
-
 Guids FreeGuids(const benchmark::State& state) {
-    return FreeGuids(static_cast<uint64_t>(state.range(2)), static_cast<uint64_t>(state.range(0)), PlacementOf(state));
+    return FreeGuids(static_cast<uint64_t>(state.range(2)), static_cast<uint64_t>(state.range(0)),
+                     static_cast<Placement>(state.range(3)));
 }
 
 void Create(benchmark::State& state) {
     Fabric& fabric = FabricOf(state);
     Guids guids = FreeGuids(state);
-    for (auto _ : state) {
-        state.SetIterationTime(Seconds([&] { fabric.Create(kKey, guids); }));
-        fabric.Delete();
-    }
-}
-
-void CreateFloor(benchmark::State& state) {
-    Index& index = FabricOf(state).manager.hca_infos;
-    const Guids guids = FreeGuids(state);
     const std::string text = PackedRecord(guids);
-    for (auto _ : state) {
-        const double change = Seconds([&] {
+    const auto create = [&] {
+        const double seconds = Seconds([&] { fabric.Create(kKey, guids); });
+        fabric.Delete();
+        return seconds;
+    };
+    const auto floor = [&] {
+        const double seconds = Seconds([&] {
             CopyBytes(guids);
             WriteFile(FilePath(), text);
         });
-        state.SetIterationTime(change + SecondsToInsert(index, guids));
-        SecondsToErase(index, guids);
+        const double insertion = SecondsToInsert(fabric.manager.hca_infos, guids);
+        SecondsToErase(fabric.manager.hca_infos, guids);
         unlink(FilePath().c_str());
-    }
+        return seconds + insertion;
+    };
+    MeasureInTurns(state, create, floor);
 }
 
 void Delete(benchmark::State& state) {
     Fabric& fabric = FabricOf(state);
     Guids guids = FreeGuids(state);
-    for (auto _ : state) {
-        fabric.Create(kKey, guids);
-        state.SetIterationTime(Seconds([&] { fabric.Delete(); }));
-    }
-}
-
-void DeleteFloor(benchmark::State& state) {
-    Index& index = FabricOf(state).manager.hca_infos;
-    const Guids guids = FreeGuids(state);
     const std::string text = PackedRecord(guids);
-    for (auto _ : state) {
-        SecondsToInsert(index, guids);
+    const auto delete_it = [&] {
+        fabric.Create(kKey, guids);
+        return Seconds([&] { fabric.Delete(); });
+    };
+    const auto floor = [&] {
+        SecondsToInsert(fabric.manager.hca_infos, guids);
         WriteFile(FilePath(), text);
-        state.SetIterationTime(SecondsToErase(index, guids) + Seconds([&] { unlink(FilePath().c_str()); }));
-    }
+        return SecondsToErase(fabric.manager.hca_infos, guids) + Seconds([&] { unlink(FilePath().c_str()); });
+    };
+    MeasureInTurns(state, delete_it, floor);
 }
 
 // One list with every GUID but the last, one with every GUID but the first.
@@ -253,19 +296,34 @@ std::pair<Guids, Guids> Neighbours(const Guids& guids) {
     return {Guids(guids.begin(), guids.end() - 1), Guids(guids.begin() + 1, guids.end())};
 }
 
-// Changes one GUID in the reservation, there and back, by `change` (which is given the two lists), and beside it the
-// floor of that.
+// Exchanges one GUID of the reservation, there and back, by `change`, which is given the list held and the list wanted.
 template <typename Change>
 void MeasureChangeOfOneGuid(benchmark::State& state, Change change) {
     Fabric& fabric = FabricOf(state);
+    const Guids guids = FreeGuids(state);
+    const std::string text = PackedRecord(Neighbours(guids).first);
+    const std::string floor_path = FilePath() + ".floor";
     Guids one;
     Guids other;
-    std::tie(one, other) = Neighbours(FreeGuids(state));
+    std::tie(one, other) = Neighbours(guids);
     fabric.Create(kKey, one);
-    for (auto _ : state) {
-        state.SetIterationTime(Seconds([&] { change(fabric, one, other); }));
+    WriteFile(floor_path, text);
+    const auto exchange = [&] {
+        const double seconds = Seconds([&] { change(fabric, one, other); });
         std::swap(one, other);
-    }
+        return seconds;
+    };
+    const auto floor = [&] {
+        const double seconds = Seconds([&] {
+            CopyBytes(guids);
+            WriteFile(floor_path, text);
+        });
+        const Guids last{guids.back() + 1};
+        return seconds + SecondsToInsert(fabric.manager.hca_infos, last) +
+               SecondsToErase(fabric.manager.hca_infos, last);
+    };
+    MeasureInTurns(state, exchange, floor);
+    unlink(floor_path.c_str());
     fabric.Delete();
 }
 
@@ -280,43 +338,21 @@ void Delta(benchmark::State& state) {
     });
 }
 
-void ChangeFloor(benchmark::State& state) {
-    Index& index = FabricOf(state).manager.hca_infos;
-    const Guids guids = FreeGuids(state);
-    const std::string text = PackedRecord(Neighbours(guids).first);
-    SecondsToInsert(index, guids);
-    WriteFile(FilePath(), text);
-    for (auto _ : state) {
-        const double change = Seconds([&] {
-            CopyBytes(guids);
-            WriteFile(FilePath(), text);
-        });
-        const double erase = SecondsToErase(index, {guids.front()});
-        state.SetIterationTime(change + erase + SecondsToInsert(index, {guids.front()}));
-    }
-    SecondsToErase(index, guids);
-    unlink(FilePath().c_str());
-}
-
 // ---- Info, jobs ----
 
 void Info(benchmark::State& state) {
-    Fabric& fabric = FabricOf(state);
+    ReservationManager& manager = FabricOf(state).manager;
     vesk_reservation_info_request request{};
     request.with_details = 1;
-    for (auto _ : state) {
-        state.SetIterationTime(Seconds([&] { fabric.manager.ReservationInfoRequest(request, nullptr, 0); }));
-    }
-}
-
-void InfoFloor(benchmark::State& state) {
-    std::vector<vesk_reservation_info> entries(FabricOf(state).manager.reservations.size());
-    for (auto _ : state) {
-        state.SetIterationTime(Seconds([&] {
+    const std::vector<vesk_reservation_info> entries(manager.reservations.size());
+    const auto info = [&] { return Seconds([&] { manager.ReservationInfoRequest(request, nullptr, 0); }); };
+    const auto floor = [&] {
+        return Seconds([&] {
             const std::vector<vesk_reservation_info> copy = entries;
             benchmark::DoNotOptimize(copy.data());
-        }));
-    }
+        });
+    };
+    MeasureInTurns(state, info, floor);
 }
 
 // A job with one tree over these HCAs.
@@ -329,85 +365,83 @@ std::unique_ptr<VeskJob> MakeJob(uint64_t job_id, const Guids& guids) {
     return job;
 }
 
-void Job(benchmark::State& state) {
-    Fabric& fabric = FabricOf(state);
-    Guids guids = FreeGuids(state);
-    fabric.Create(kKey, guids);
-    const std::unique_ptr<VeskJob> job = MakeJob(1, guids);
-    for (auto _ : state) {
-        state.SetIterationTime(Seconds([&] {
-            ReservationInfo* const reservation = fabric.manager.GetReservationByJob(job.get());
-            if (fabric.manager.ValidateReservationResources(reservation, {.requested_trees = 1}, job.get()) != 0)
-                std::abort();
-            fabric.manager.AddJob(reservation, job.get());
-            fabric.manager.RemoveJob(reservation, job.get());
-        }));
-    }
-    fabric.Delete();
-}
-
 // Goes through the GUIDs' entries in order: to the next one in the index, or by a search when that is another's.
-void VisitEntries(Index& index, const Guids& guids) {
+void VisitEntries(Index& index, const Guids& guids, uint16_t change) {
     auto place = index.lower_bound(guids.front());
     for (const uint64_t guid : guids) {
         if (place == index.end() || place->first != guid) place = index.lower_bound(guid);
-        benchmark::DoNotOptimize(++place->second.num_jobs);
+        place->second.num_jobs = static_cast<uint16_t>(place->second.num_jobs + change);
         ++place;
     }
 }
 
-// Each of the four operations has to visit every entry.
-void JobFloor(benchmark::State& state) {
-    Index& index = FabricOf(state).manager.hca_infos;
-    const Guids guids = FreeGuids(state);
-    SecondsToInsert(index, guids);
-    for (auto _ : state) {
-        state.SetIterationTime(Seconds([&] {
-            for (int operation = 0; operation < 4; ++operation) VisitEntries(index, guids);
-        }));
-    }
-    SecondsToErase(index, guids);
+// Each of a job's four operations has to visit every entry.
+void VisitEntriesFourTimes(Index& index, const Guids& guids) {
+    for (const int change : {1, -1, 1, -1}) VisitEntries(index, guids, static_cast<uint16_t>(change));
 }
 
-// The same, and the set of its GUIDs that a job in a reservation has.
-void JobFloorWithSet(benchmark::State& state) {
-    Index& index = FabricOf(state).manager.hca_infos;
-    const Guids guids = FreeGuids(state);
-    SecondsToInsert(index, guids);
-    for (auto _ : state) {
-        state.SetIterationTime(Seconds([&] {
-            for (int operation = 0; operation < 4; ++operation) VisitEntries(index, guids);
-            std::unordered_set<uint64_t> set;
-            set.reserve(guids.size());
-            set.insert(guids.begin(), guids.end());
-            benchmark::DoNotOptimize(set);
-        }));
-    }
-    SecondsToErase(index, guids);
+void MakeSet(const Guids& guids) {
+    std::unordered_set<uint64_t> set;
+    set.reserve(guids.size());
+    set.insert(guids.begin(), guids.end());
+    benchmark::DoNotOptimize(set);
+}
+
+template <typename Floor>
+void MeasureJob(benchmark::State& state, Floor floor) {
+    Fabric& fabric = FabricOf(state);
+    ReservationManager& manager = fabric.manager;
+    Guids guids = FreeGuids(state);
+    fabric.Create(kKey, guids);
+    const std::unique_ptr<VeskJob> job = MakeJob(1, guids);
+    const auto come_and_go = [&] {
+        ReservationInfo* const reservation = manager.GetReservationByJob(job.get());
+        if (manager.ValidateReservationResources(reservation, {.requested_trees = 1}, job.get()) != 0) std::abort();
+        manager.AddJob(reservation, job.get());
+        manager.RemoveJob(reservation, job.get());
+    };
+    MeasureInTurns(
+        state, [&] { return SecondsOfOne(come_and_go); },
+        [&] { return SecondsOfOne([&] { floor(manager.hca_infos, guids); }); });
+    fabric.Delete();
+}
+
+void Job(benchmark::State& state) { MeasureJob(state, VisitEntriesFourTimes); }
+
+// With the set of its GUIDs, which a job in a reservation has.
+void JobWithSet(benchmark::State& state) {
+    MeasureJob(state, [](Index& index, const Guids& guids) {
+        VisitEntriesFourTimes(index, guids);
+        MakeSet(guids);
+    });
 }
 
 // ---- Files ----
 
+template <typename Operation>
+void MeasureText(benchmark::State& state, const std::string& text, Operation operation) {
+    const auto floor = [&] {
+        std::string copy = text;
+        benchmark::DoNotOptimize(copy.data());
+    };
+    MeasureInTurns(
+        state, [&] { return SecondsOfOne(operation); }, [&] { return SecondsOfOne(floor); });
+}
+
 void Pack(benchmark::State& state) {
-    const Guids guids = FreeGuids(state);
-    for (auto _ : state) benchmark::DoNotOptimize(PackedRecord(guids));
+    Guids guids = FreeGuids(state);
+    const vesk_reservation_info info = RecordOf(guids);
+    MeasureText(state, PackedRecord(guids), [&] { benchmark::DoNotOptimize(Packed(info).length); });
 }
 
 void Unpack(benchmark::State& state) {
-    const std::string text = PackedRecord(FreeGuids(state));
-    for (auto _ : state) {
+    Guids guids = FreeGuids(state);
+    const std::string text = PackedRecord(guids);
+    MeasureText(state, text, [&] {
         vesk_dov_msg* msg = nullptr;
         if (dov_msg_unpack(0, VESK_MSG_TYPE_RESERVATION_INFO, text.c_str(), &msg) != 0) std::abort();
         dov_vesk_msg_release(VESK_MSG_TYPE_RESERVATION_INFO, msg);
-    }
-}
-
-void PackFloor(benchmark::State& state) {
-    const std::string text = PackedRecord(FreeGuids(state));
-    for (auto _ : state) {
-        std::string copy = text;
-        benchmark::DoNotOptimize(copy.data());
-    }
+    });
 }
 
 // Lets a child process do it, since the load runs once in a process, and returns the seconds that it took there.
@@ -431,26 +465,14 @@ double SecondsInChild(Operation operation) {
 // Writes the files of a whole fabric, and takes them away again.
 class StoredFabric {
 public:
-    explicit StoredFabric(const benchmark::State& state) : fabric_(FabricOf(state)) {
+    explicit StoredFabric(Fabric& fabric) {
         std::filesystem::create_directories(Directory());
-        for (const auto& [key, info] : fabric_.manager.reservations) {
-            fabric_.manager.CreateReservationInfoFile(info->info, Directory());
+        for (const auto& [key, info] : fabric.manager.reservations) {
+            fabric.manager.CreateReservationInfoFile(info->info, Directory());
         }
     }
     ~StoredFabric() { std::filesystem::remove_all(Directory()); }
-
-private:
-    Fabric& fabric_;
 };
-
-void Load(benchmark::State& state) {
-    const StoredFabric files(state);
-    Client client;
-    ReservationManager manager(&client);
-    for (auto _ : state) {
-        state.SetIterationTime(SecondsInChild([&] { manager.ReadPersistentReservationInfoFiles(); }));
-    }
-}
 
 // `buffer` is the caller's, so that its pages are there already.
 void ReadFiles(std::vector<char>& buffer) {
@@ -461,24 +483,29 @@ void ReadFiles(std::vector<char>& buffer) {
     }
 }
 
-void LoadFloor(benchmark::State& state) {
-    const StoredFabric files(state);
+template <typename Floor>
+void MeasureLoad(benchmark::State& state, Floor floor) {
+    Fabric& fabric = FabricOf(state);
+    const StoredFabric files(fabric);
+    ReservationManager manager(&fabric.client);
     std::vector<char> buffer(1 << 18);
-    for (auto _ : state) state.SetIterationTime(SecondsInChild([&] { ReadFiles(buffer); }));
+    MeasureInTurns(
+        state, [&] { return SecondsInChild([&] { manager.ReadPersistentReservationInfoFiles(); }); },
+        [&] { return SecondsInChild([&] { floor(fabric.manager.hca_infos, buffer); }); });
+}
+
+void Load(benchmark::State& state) {
+    MeasureLoad(state, [](const Index&, std::vector<char>& buffer) { ReadFiles(buffer); });
 }
 
 // Reads the files, and puts every HCA into a new index.
-void LoadFloorWithIndex(benchmark::State& state) {
-    const StoredFabric files(state);
-    const Index& hcas = FabricOf(state).manager.hca_infos;
-    std::vector<char> buffer(1 << 18);
-    Index index;
-    for (auto _ : state) {
-        state.SetIterationTime(SecondsInChild([&] {
-            ReadFiles(buffer);
-            for (const auto& hca : hcas) index.insert(index.end(), hca);
-        }));
-    }
+void LoadWithIndex(benchmark::State& state) {
+    MeasureLoad(state, [](const Index& hcas, std::vector<char>& buffer) {
+        ReadFiles(buffer);
+        Index index;
+        for (const auto& hca : hcas) index.insert(index.end(), hca);
+        benchmark::DoNotOptimize(index);
+    });
 }
 
 // ---- Memory ----
@@ -537,53 +564,47 @@ void PrintMemory() {
 
 // ---- What is run, and how it is told ----
 
-constexpr std::string_view kFloorSuffix = "-floor";
-
-// Prints as usual, and at the end one row for each operation with its floor and the ratio, each the best of its
-// repetitions.
+// Prints as usual, and at the end one row for each operation: the repetition whose ratio is the median.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
             if (run.error_occurred || run.run_type == Run::RT_Aggregate) continue;
-            const double seconds = run.real_accumulated_time / static_cast<double>(run.iterations);
-            const auto [found, is_new] = best_.emplace(run.run_name.function_name + "/" + run.run_name.args, seconds);
-            if (is_new) names_.push_back(found->first);
-            found->second = std::min(found->second, seconds);
+            const std::string name = run.run_name.function_name + "/" + run.run_name.args;
+            if (rows_.empty() || rows_.back().name != name) rows_.push_back({name, {}});
+            rows_.back().repetitions.push_back({run.counters.at(kOperation), run.counters.at(kFloor)});
         }
     }
 
     void Finalize() override {
         std::printf("\n| operation / HCAs / reservations / GUIDs / scattered | microseconds | floor | ratio |\n");
         std::printf("|---|---:|---:|---:|\n");
-        for (const std::string& name : names_) {
-            const auto floor = best_.find(FloorOf(name));
-            if (floor == best_.end()) continue;
-            const double seconds = best_.at(name);
-            std::printf("| %s | %.2f | %.2f | %.2f |\n", name.c_str(), seconds * 1e6, floor->second * 1e6,
-                        seconds / floor->second);
+        for (auto& [name, repetitions] : rows_) {
+            std::sort(repetitions.begin(), repetitions.end(),
+                      [](const Repetition& a, const Repetition& b) { return a.ratio() < b.ratio(); });
+            const Repetition& median = repetitions[repetitions.size() / 2];
+            std::printf("| %s | %.2f | %.2f | %.2f |\n", name.c_str(), median.operation * 1e6, median.floor * 1e6,
+                        median.ratio());
         }
     }
 
 private:
-    static std::string FloorOf(std::string name) { return name.insert(name.find('/'), kFloorSuffix); }
+    struct Repetition {
+        double operation;
+        double floor;
+        double ratio() const { return operation / floor; }
+    };
+    struct Row {
+        std::string name;
+        std::vector<Repetition> repetitions;
+    };
 
-    std::map<std::string, double> best_;
-    std::vector<std::string> names_;    // in the order of their runs
+    std::vector<Row> rows_;
 };
 
-using Function = void (*)(benchmark::State&);
-
-// Registers an operation and, right behind it, its floor, so that both run in the same state of the machine.
-void Register(const std::string& name, Function operation, Function floor, const std::vector<int64_t>& arguments,
-              bool is_manual = true) {
-    for (const auto& [full_name, function] :
-         {std::pair(name, operation), std::pair(name + std::string(kFloorSuffix), floor)}) {
-        auto* const registered = benchmark::RegisterBenchmark(full_name.c_str(), function)->Args(arguments);
-        registered->MinTime(0.05);
-        if (is_manual) registered->UseManualTime();
-    }
+void Register(const std::string& name, void (*function)(benchmark::State&), const std::vector<int64_t>& arguments) {
+    benchmark::RegisterBenchmark(name.c_str(), function)->Args(arguments)->MinTime(0.05)->UseManualTime();
 }
 
 void RegisterAll() {
@@ -595,23 +616,23 @@ void RegisterAll() {
                 return std::vector<int64_t>{hcas, reservations, count, static_cast<int64_t>(placement)};
             };
             for (const int64_t count : {1, 16, 256, 4096}) {
-                Register("create", Create, CreateFloor, arguments(count));
-                Register("delete", Delete, DeleteFloor, arguments(count));
+                Register("create", Create, arguments(count));
+                Register("delete", Delete, arguments(count));
             }
-            Register("replace", Replace, ChangeFloor, arguments(4096));
-            Register("delta", Delta, ChangeFloor, arguments(4096));
+            Register("replace", Replace, arguments(4096));
+            Register("delta", Delta, arguments(4096));
             for (const int64_t count : {1, 64, 4096}) {
-                Register("job", Job, JobFloor, arguments(count));
-                Register("job_with_set", Job, JobFloorWithSet, arguments(count));
+                Register("job", Job, arguments(count));
+                Register("job_with_set", JobWithSet, arguments(count));
             }
         }
-        Register("info", Info, InfoFloor, {num_hcas, num_reservations});
-        Register("load", Load, LoadFloor, {num_hcas, num_reservations});
-        Register("load_with_index", Load, LoadFloorWithIndex, {num_hcas, num_reservations});
+        Register("info", Info, {num_hcas, num_reservations});
+        Register("load", Load, {num_hcas, num_reservations});
+        Register("load_with_index", LoadWithIndex, {num_hcas, num_reservations});
     }
     for (const int64_t count : {16, 4096}) {
-        Register("pack", Pack, PackFloor, {1000, 10, count, 0}, false);
-        Register("unpack", Unpack, PackFloor, {1000, 10, count, 0}, false);
+        Register("pack", Pack, {1000, 10, count, 0});
+        Register("unpack", Unpack, {1000, 10, count, 0});
     }
 }
 

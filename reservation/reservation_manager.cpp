@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -283,12 +284,15 @@ void Open(Stream& file, const std::string& path, std::ios_base::openmode mode) {
     file.open(path, mode | std::ios_base::binary);
 }
 
-// Whether Open opens the file for reading. It makes no stream, which would take longer than the rest of a deletion.
+// Whether Open opens the file for reading. It makes no stream, which would take longer than the rest of a deletion, and
+// does not wait for a pipe's writer.
 bool CanBeRead(const std::string& path) {
-    if (IsPipe(path)) return false;
-    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file >= 0) close(file);
-    return file >= 0;
+    const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) return false;
+    struct stat status {};
+    const bool is_pipe = fstat(file, &status) == 0 && S_ISFIFO(status.st_mode);
+    close(file);
+    return !is_pipe;
 }
 
 struct DirCloser {

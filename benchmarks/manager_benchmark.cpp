@@ -1,4 +1,4 @@
-// The manager's operations, each beside its floor: what no implementation could leave out, measured in the same run;
+// The manager's operations, each beside its floor: what no implementation could leave out, measured in turns with it;
 // and the memory that they take.
 //
 // The floor of a change is the system calls that its file cannot do without, with the same bytes, and the same entries

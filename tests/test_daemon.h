@@ -49,6 +49,10 @@ public:
     Fabric fabric;
     std::unique_ptr<ReservationManager> manager;
 
+    // Whether every event's reservation must have its HCAs in the index when the event comes. Files that somebody else
+    // wrote may list an HCA twice, which is out of the index when the first reservation with it goes.
+    bool expects_indexed_hcas = true;
+
     // The array of the last create request, or the last delta's GUIDs to add, as the manager left it; and those to
     // remove.
     Guids sent_guids;

@@ -43,6 +43,7 @@ bool IsAccepted(const std::string& text) {
 
 void StartUpWith(const std::vector<std::string>& texts) {
     TestDaemon daemon;
+    daemon.expects_indexed_hcas = false;
     for (size_t i = 0; i < texts.size(); ++i) std::ofstream(daemon.PathOf(std::to_string(i))) << texts[i];
     daemon.manager->ReadPersistentReservationInfoFiles();
     while (!daemon.manager->reservations.empty()) {

@@ -2,13 +2,11 @@
 
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <future>
 #include <sstream>
@@ -17,6 +15,7 @@
 
 #include "daemon/engine.h"
 #include "daemon/log_sink.h"
+#include "tests/files.h"
 
 namespace reservationd {
 namespace {
@@ -27,17 +26,17 @@ namespace v1 = reservation::v1;
 class DaemonTest : public testing::Test {
 protected:
     DaemonTest() {
-        std::string dir = fs::temp_directory_path() / "daemon_test.XXXXXX";
-        if (mkdtemp(dir.data()) == nullptr) throw std::runtime_error("no temporary directory");
-        settings.options.persistent_dir = dir;
+        settings.options.persistent_dir = dir_.path();
         settings.options.reservation_mode = true;
-        OpenLog(dir + "/log", 3);
+        OpenLog(PathOf("log"), 3);
     }
-    ~DaemonTest() override { fs::remove_all(settings.options.persistent_dir); }
 
-    std::string PathOf(const std::string& name) const { return settings.options.persistent_dir + "/" + name; }
+    std::string PathOf(const std::string& name) const { return dir_.path() + "/" + name; }
 
     EngineSettings settings;
+
+private:
+    const TemporaryDirectory dir_;
 };
 
 // An engine whose calls are waited for. Requests are in protocol buffers' text format.
@@ -115,13 +114,6 @@ void DieAfter(const std::function<void()>& life) {
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
 }
 
-std::string Content(const std::string& path) {
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
 TEST_F(DaemonTest, WhatWasAnsweredSurvivesTheProcessAndDamagedFiles) {
     settings.kept_events = 3;
     DieAfter([&] {
@@ -134,7 +126,7 @@ TEST_F(DaemonTest, WhatWasAnsweredSurvivesTheProcessAndDamagedFiles) {
     });
     const std::string record_of_a = Content(PathOf("reservation.A"));
     for (const char* name : {"reservation.A", "reservation.damaged"}) {
-        std::ofstream(PathOf(name)) << record_of_a.substr(0, 40);
+        Write(PathOf(name), record_of_a.substr(0, 40));
     }
     fs::remove(PathOf("reservation.B"));
 

@@ -2,7 +2,6 @@
 
 #include <grpcpp/grpcpp.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -21,13 +20,13 @@
 #include <random>
 #include <regex>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "files.h"
 #include "program.h"
 #include "reservation/v1/reservation.grpc.pb.h"
 
@@ -68,19 +67,15 @@ std::string Replaced(const std::string& text, const std::string& what, const std
 
 class EndToEndTest : public testing::Test {
 protected:
-    EndToEndTest() : dir_(fs::temp_directory_path() / "end_to_end.XXXXXX") {
-        if (mkdtemp(dir_.data()) == nullptr) throw std::runtime_error("no temporary directory");
-        WriteFile("conf", "");
-    }
-    ~EndToEndTest() override { fs::remove_all(dir_); }
+    EndToEndTest() { WriteFile("conf", ""); }
 
-    std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+    std::string Path(const std::string& name) const { return dir_.path() + "/" + name; }
     std::string Address() const { return "unix:" + Path("socket"); }
-    void WriteFile(const std::string& name, const std::string& text) const { std::ofstream(Path(name)) << text; }
+    void WriteFile(const std::string& name, const std::string& text) const { Write(Path(name), text); }
 
     // The words of a command, in which DIR stands for the test's directory.
     std::vector<std::string> Words(const std::string& command) const {
-        std::istringstream words(Replaced(command, "DIR", dir_));
+        std::istringstream words(Replaced(command, "DIR", dir_.path()));
         return {std::istream_iterator<std::string>(words), {}};
     }
 
@@ -88,7 +83,7 @@ protected:
     std::string Run(const std::string& command) const {
         Program program(Words(command));
         const int status = program.Wait();
-        return Replaced(Replaced(program.Output(), dir_, "DIR"), "\\d{4}-\\d\\d-\\d\\dT[0-9:]{8}Z", "TIME") +
+        return Replaced(Replaced(program.Output(), dir_.path(), "DIR"), "\\d{4}-\\d\\d-\\d\\dT[0-9:]{8}Z", "TIME") +
                (status == 0 ? "" : "exit " + std::to_string(status) + "\n");
     }
 
@@ -118,7 +113,7 @@ protected:
         return daemon;
     }
 
-    std::string dir_;
+    const TemporaryDirectory dir_;
 };
 
 TEST_F(EndToEndTest, AnOperatorsSession) {
@@ -336,9 +331,8 @@ for name in daemon operator viewer stranger; do make $name $name "$(signed_by ca
     EXPECT_EQ(run_as("stranger", "list"), denied + "'stranger' allows nothing here\nexit 1\n");
     EXPECT_TRUE(run_as("forger", "list").ends_with("\nexit 3\n"));
 
-    std::ostringstream ca;
-    ca << std::ifstream(Path("ca.pem")).rdbuf();
-    for (const auto& credentials : {grpc::InsecureChannelCredentials(), grpc::SslCredentials({ca.str(), "", ""})}) {
+    const std::string ca = Content(Path("ca.pem"));
+    for (const auto& credentials : {grpc::InsecureChannelCredentials(), grpc::SslCredentials({ca, "", ""})}) {
         v1::DaemonInfo info;
         EXPECT_EQ(Call(*Connect(address, credentials), &Stub::GetDaemonInfo, {}, &info).error_code(),
                   grpc::StatusCode::UNAVAILABLE);

@@ -16,10 +16,10 @@
 #include <functional>
 #include <map>
 #include <random>
-#include <sstream>
 #include <thread>
 
 #include "host/log.h"
+#include "tests/files.h"
 #include "tests/program.h"
 #include "tests/test_daemon.h"
 
@@ -28,14 +28,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kSkipped = 77;    // a child's exit status
-
-std::string Content(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
-void Write(const std::string& path, const std::string& content) { std::ofstream(path, std::ios::binary) << content; }
 
 size_t CountOf(const std::string& what, const std::string& text) {
     size_t count = 0;

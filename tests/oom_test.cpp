@@ -5,13 +5,13 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <new>
 #include <set>
 
 #include "host/dov_msg.h"
 #include "host/log.h"
+#include "tests/files.h"
 #include "tests/test_daemon.h"
 
 namespace {
@@ -220,8 +220,7 @@ TEST(OutOfMemory, File) {
     };
     RunShortOfMemory(prepare, read, check, 3);
 
-    std::string text;
-    std::getline(std::ifstream(path), text, '\0');
+    std::string text = Content(path);
     for (char& byte : text) {
         byte = static_cast<char>(byte ^ 1);
         num_live = g_num_live;

@@ -5,20 +5,19 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
+#include <filesystem>
 #include <numeric>
 #include <sstream>
 
 #include "host/dov_msg.h"
 #include "host/hash_bytes.h"
 #include "host/log.h"
+#include "tests/files.h"
 #include "tests/test_daemon.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-void Write(const std::string& path, const std::string& content) { std::ofstream(path, std::ios::binary) << content; }
 
 // The packed record, or "" when it is refused.
 std::string Pack(const vesk_reservation_info* info, int type = VESK_MSG_TYPE_RESERVATION_INFO) {

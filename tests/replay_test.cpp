@@ -5,13 +5,13 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "replay/closing_checks.h"
 #include "replay/file.h"
 #include "replay/in_process_service.h"
 #include "replay/swf_trace.h"
+#include "tests/files.h"
 
 namespace {
 
@@ -29,15 +29,10 @@ std::string JobLine(int number, int submit, int wait, int run, int procs, int re
 // A directory of its own for each test, removed at the end.
 class ReplayTest : public testing::Test {
 protected:
-    ReplayTest() : dir_(std::filesystem::temp_directory_path() / "replay_test.XXXXXX") {
-        EXPECT_NE(mkdtemp(dir_.data()), nullptr);
-    }
-    ~ReplayTest() override { std::filesystem::remove_all(dir_); }
-
     std::string Path(const std::string& name) const { return dir_ + "/" + name; }
 
     std::string WriteFile(const std::string& name, const std::string& content) const {
-        std::ofstream(Path(name), std::ios::binary) << content;
+        Write(Path(name), content);
         return Path(name);
     }
 
@@ -65,7 +60,8 @@ protected:
         return report;
     }
 
-    std::string dir_;
+    const TemporaryDirectory directory_;
+    const std::string& dir_ = directory_.path();
     std::string output_;
     std::string errors_;
 };
@@ -268,7 +264,7 @@ TEST_F(ReplayTest, StoppedReplayIsNotOverwrittenMistakenOrHalfResumed) {
     std::filesystem::remove(file);
     EXPECT_EQ(RunProgram("--resume" + in_state), 1);
     EXPECT_NE(errors_.find("was not taken back at start-up"), std::string::npos) << errors_;
-    std::ofstream(file) << reservation;
+    Write(file, reservation);
     WriteFile("state/replay_checkpoint.json", checkpoint.substr(0, checkpoint.size() / 2));
     EXPECT_EQ(RunProgram("--resume" + in_state), 2);
     EXPECT_EQ(errors_.find("reservation-replay: state/replay_checkpoint.json: is damaged"), 0u) << errors_;

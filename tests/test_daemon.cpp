@@ -1,12 +1,11 @@
 #include "tests/test_daemon.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
-#include <stdexcept>
+#include <filesystem>
 
 #include "host/dov_msg.h"
 #include "host/hash_bytes.h"
@@ -86,9 +85,7 @@ std::string RegistryFault(const ReservationManager& manager, bool all_owned) {
 }
 
 TestDaemon::TestDaemon() : jobs_(kMaxJobs) {
-    std::string directory = std::filesystem::temp_directory_path() / "reservation_test.XXXXXX";
-    if (mkdtemp(directory.data()) == nullptr) throw std::runtime_error("no temporary directory");
-    options.persistent_dir = directory;
+    options.persistent_dir = directory_.path();
     options.reservation_mode = true;
     g_option_info = &options;
     g_fabric = &fabric;
@@ -103,10 +100,7 @@ TestDaemon::TestDaemon() : jobs_(kMaxJobs) {
     Restart();
 }
 
-TestDaemon::~TestDaemon() {
-    log_set_sink(nullptr);
-    std::filesystem::remove_all(options.persistent_dir);
-}
+TestDaemon::~TestDaemon() { log_set_sink(nullptr); }
 
 template <typename Operation>
 uint32_t TestDaemon::Request(Operation operation) {

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cstdint>
-#include <filesystem>
 #include <memory>
 #include <set>
 #include <string>
@@ -17,6 +16,7 @@
 #include "host/option_info.h"
 #include "messages/vesk_messages.h"
 #include "reservation/reservation_manager.h"
+#include "tests/files.h"
 
 struct dov_ep {
     int number;
@@ -109,6 +109,7 @@ private:
     void See(const std::string& line) const { seen_ += line + '\n'; }
     void SeeEvent(const char* event, const char* reservation_key);
 
+    const TemporaryDirectory directory_;
     std::vector<VeskJob> jobs_;    // in an array, so that sets of pointers keep the order in which the jobs started
     size_t num_jobs_ = 0;
     std::set<VeskJob*> running_;

@@ -8,13 +8,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "host/dov_msg.h"
 #include "host/hash_bytes.h"
+#include "tests/files.h"
 #include "tests/test_daemon.h"
 
 namespace {
@@ -44,7 +44,7 @@ bool IsAccepted(const std::string& text) {
 void StartUpWith(const std::vector<std::string>& texts) {
     TestDaemon daemon;
     daemon.expects_indexed_hcas = false;
-    for (size_t i = 0; i < texts.size(); ++i) std::ofstream(daemon.PathOf(std::to_string(i))) << texts[i];
+    for (size_t i = 0; i < texts.size(); ++i) Write(daemon.PathOf(std::to_string(i)), texts[i]);
     daemon.manager->ReadPersistentReservationInfoFiles();
     while (!daemon.manager->reservations.empty()) {
         const std::string key = daemon.manager->reservations.begin()->first;

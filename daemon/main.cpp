@@ -7,9 +7,9 @@
 #include <exception>
 #include <string>
 
-#include "daemon/engine.h"
+#include "daemon/engine/engine.h"
 #include "daemon/log_sink.h"
-#include "daemon/server.h"
+#include "daemon/rpc/server.h"
 #include "daemon/settings.h"
 
 namespace {

@@ -6,8 +6,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "daemon/engine.h"
-#include "daemon/server.h"
+#include "daemon/engine/engine.h"
+#include "daemon/rpc/server.h"
 
 namespace reservationd {
 

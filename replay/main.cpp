@@ -7,8 +7,8 @@
 #include <string>
 
 #include "replay/file.h"
-#include "replay/run_replay.h"
-#include "replay/terminal.h"
+#include "replay/report/terminal.h"
+#include "replay/run/run_replay.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "host/log.h"
-#include "tests/test_daemon.h"
+#include "tests/reservation/test_daemon.h"
 
 namespace {
 

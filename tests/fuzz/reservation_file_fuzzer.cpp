@@ -15,7 +15,7 @@
 #include "host/dov_msg.h"
 #include "host/hash_bytes.h"
 #include "tests/files.h"
-#include "tests/test_daemon.h"
+#include "tests/reservation/test_daemon.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "replay/file.h"
-#include "replay/swf_trace.h"
+#include "replay/trace/swf_trace.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::string path =

@@ -1,0 +1,125 @@
+// The engine of the daemon: one thread that carries out all calls, and makes what they changed durable before they are
+// answered.
+
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daemon/engine/event_log.h"
+#include "daemon/state/reservation_state.h"
+#include "daemon/storage/directory_lock.h"
+#include "daemon/storage/reservation_files.h"
+#include "daemon/storage/store.h"
+#include "host/option_info.h"
+#include "reservation/v1/reservation.pb.h"
+
+namespace reservationd {
+
+namespace v1 = reservation::v1;
+
+struct EngineSettings {
+    OptionInfo options;    // persistent_dir is made where it is missing; its parent is not
+    Durability durability = Durability::kProcess;
+    uint64_t kept_events = 10'000;
+    int log_level = 3;
+};
+
+// Why a call was not carried out. Nothing has been changed then.
+enum class Refusal {
+    kNone,
+    kNotStored,    // the store cannot be written
+    kTooManyCalls,
+    kStopping,
+};
+
+// A call. Both functions are called on the engine's thread, and throw nothing but for lack of memory.
+struct Call {
+    bool changes_something = false;
+
+    // Carries the call out. A call that changes nothing may be run twice; what the first run put into its reply is to
+    // be thrown away.
+    std::function<void(ReservationState& state)> run;
+
+    // Called once, when what was run is durable, or will not be carried out: then `reason` says why. A call that is
+    // not even queued is told so at once, by the thread that submits it.
+    std::function<void(Refusal refusal, const std::string& reason)> done;
+};
+
+class Engine {
+public:
+    // Locks the directory, takes the state up where the last daemon left it, and starts the thread. Throws
+    // std::exception, with a message that names the file, when any of this fails.
+    explicit Engine(const EngineSettings& settings);
+
+    // Carries out what has been submitted, and stops.
+    ~Engine();
+
+    // Hands a call over, from any thread. Calls are carried out in the order of their arrival.
+    void Submit(Call call);
+
+    // Lets the options and the log level hold for all later calls, as after a restart. What only a restart can change
+    // stays: the directory, what is done with the files found there, the automatic mode, the durability, and how many
+    // events are kept.
+    void Reconfigure(const EngineSettings& settings);
+
+    // Refuses all later calls, and ends the events.
+    void Stop();
+
+    // For calls while they run.
+    void Describe(v1::DaemonInfo* info) const;
+
+    // What has been committed. For any thread.
+    EventLog& events() { return events_; }
+
+private:
+    void Load();
+    void LoadEvents();
+    void PrepareFiles(const std::map<std::string, StoredReservation>& stored, const std::set<std::string>& unpublished);
+    void RestoreBook();
+    std::unique_ptr<ReservationState> MakeBook(const std::string& dir);
+
+    void Run();
+    bool WaitForBatch(std::vector<Call>& batch);
+    void TakeOver(const EngineSettings& settings);
+    void Process(std::vector<Call>& batch);
+    std::string CarryOut(std::vector<Call>& batch);
+    std::string ProbeStore();
+    void Commit();
+    void Announce(const StoreChanges& stored, const StateChanges& changes) noexcept;
+    void RollBack(const std::string& reason);
+    bool Publish(const std::string& key, const std::optional<std::string>& record);
+    void Settle(size_t max_keys);
+
+    EngineSettings settings_;
+    const std::string dir_;
+    DirectoryLock lock_;
+    Store store_;
+    ReservationFiles files_;
+    EventLog events_;
+    std::unique_ptr<ReservationState> state_;
+    uint64_t failed_requests_ = 0;    // as of the last commit
+    bool is_writable_ = true;    // the store was, when it was tried last
+    std::map<std::string, bool> unsettled_;    // the store's unpublished keys; true: the file is right by now
+    bool are_files_behind_ = false;
+
+    std::mutex mutex_;    // guards what follows
+    std::condition_variable wake_;
+    std::deque<Call> calls_;
+    std::optional<EngineSettings> new_settings_;
+    bool is_stopping_ = false;
+
+    std::thread thread_;    // last: it uses all of the above
+};
+
+}    // namespace reservationd

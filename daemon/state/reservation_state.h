@@ -1,0 +1,135 @@
+// The reservation manager with all that it needs around it: options, running jobs, and somebody who writes down what it
+// does. It speaks the messages of the service.
+
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "daemon/state/conflict.h"
+#include "daemon/storage/store.h"
+#include "host/command_manager.h"
+#include "host/event_manager.h"
+#include "host/fabric.h"
+#include "host/job.h"
+#include "host/log.h"
+#include "host/option_info.h"
+#include "reservation/reservation_manager.h"
+#include "reservation/v1/reservation.pb.h"
+
+namespace reservationd {
+
+namespace v1 = reservation::v1;
+
+// What has happened to a state.
+struct StateChanges {
+    std::set<std::string> keys;    // reservations that may have come, changed or gone
+    std::set<uint64_t> job_ids;    // jobs that began or ended
+    std::vector<v1::Event> events;    // in order, without sequence numbers
+};
+
+// Used by one thread at a time. Several can exist: each owns the manager's globals while one of its
+// operations runs.
+//
+// The requests are checked already (see the service): keys are short enough, numbers in their ranges.
+class ReservationState : private CommandManager, private EventManager {
+public:
+    using LogFunction = std::function<void(const LogRecord&)>;
+
+    // `log` receives the manager's records; it may be empty. `failed_requests`: where the count of refused requests
+    // goes on.
+    ReservationState(const OptionInfo& options, LogFunction log, uint64_t failed_requests = 0);
+    ~ReservationState() override;
+
+    // ---- Requests. Each fills `reply`, which comes empty. ----
+
+    // The first three with dry_run: what the manager would answer and do, with nothing changed.
+    void CreateReservation(const v1::CreateReservationRequest& request, v1::ReservationReply* reply);
+    void UpdateReservation(const v1::UpdateReservationRequest& request, v1::ReservationReply* reply);
+    void DeleteReservation(const v1::DeleteReservationRequest& request, v1::ReservationReply* reply);
+    void GetReservations(const v1::GetReservationsRequest& request, v1::ReservationReply* reply);
+    void BeginJob(const v1::BeginJobRequest& request, v1::BeginJobReply* reply);
+    void EndJob(const v1::EndJobRequest& request, v1::EndJobReply* reply);
+    void ListJobs(const v1::ListJobsRequest& request, v1::ListJobsReply* reply);
+    void ReportPort(const v1::ReportPortRequest& request, v1::ReportPortReply* reply);
+    void Describe(v1::DaemonInfo* info) const;    // the options and the counts
+
+    // ---- Storing and restoring ----
+
+    // What happened since the last call.
+    StateChanges TakeChanges();
+
+    // The reservation, or job, as it is stored; nothing when there is none.
+    std::optional<StoredReservation> Packed(const std::string& key) const;
+    std::optional<std::string> PackedJob(uint64_t job_id) const;
+
+    // Adds a stored job, which is in no reservation's counts yet. Throws std::runtime_error when it is damaged.
+    void AddJob(const std::string& packed);
+
+    // Enters a stored reservation just as it was, with the jobs that were counted in it. Its key is not there yet.
+    // Throws std::runtime_error when it is damaged.
+    void Restore(const StoredReservation& stored);
+
+    // Loads the directory of reservation files, or purges it, as the options tell; the manager's own files go to
+    // `staging_dir` from then on. `stored` reservations whose files are missing are entered as if they were there. What
+    // differs from `stored` afterwards counts as having happened. A process can load once.
+    void Load(const std::string& staging_dir, const std::map<std::string, StoredReservation>& stored);
+
+    // Whether Load keeps what it finds.
+    bool LoadsFiles() const;
+
+    // The key of the record in a reservation file, or nothing when the file is damaged.
+    std::optional<std::string> KeyInFile(const std::string& path);
+
+    uint64_t failed_requests() const { return fabric_.failed_reservation_requests; }
+
+private:
+    class ManagerScope;
+    struct Job;
+
+    void SendReservationInfoList(const dov_ep* ep, vesk_reservation_info_list& list,
+                                 uint64_t transaction_id) const override;
+    void HandleJobError(VeskJob* job, vesk_error_value value, vesk_error_type type, bool, bool) override;
+    void SendEndJob(dov_ep* ep, const VeskJob* job) override;
+    VeskJob* FindJob(uint64_t job_id, uint64_t reservation_id, const char* reservation_key) override;
+    void GetJobsByReservationKey(std::set<VeskJob*>& jobs, const char* reservation_key) const override;
+    void AddReservationCreatedEvent(const char* key) override;
+    void AddReservationUpdatedEvent(const char* key) override;
+    void AddReservationRemovedEvent(const char* key) override;
+
+    template <typename Operation>
+    void Answer(v1::ReservationReply* reply, const WantedChange& change, Operation operation);
+    template <typename Request>
+    void DryRun(void (ReservationState::*operation)(const Request&, v1::ReservationReply*), const Request& request,
+                const google::protobuf::RepeatedField<uint64_t>& guids, v1::ReservationReply* reply);
+    void Describe(const vesk_reservation_info& entry, v1::Reservation* reservation) const;
+    void AnswerAgain(const v1::Job& running, const v1::Job& wanted, v1::BeginJobReply* reply) const;
+    v1::BeginJobReply::Result Admit(std::unique_ptr<Job> job, v1::BeginJobReply* reply);
+    void InsertJob(std::unique_ptr<Job> job);
+    std::unique_ptr<Job> ExtractJob(uint64_t job_id);
+    void CountJobsOf(ReservationInfo* reservation);
+    void AddReservationEvent(v1::Event::Kind kind, const std::string& key);
+    void AddJobEvent(v1::Event::Kind kind, const VeskJob& job);
+    void AddDifferencesTo(const std::map<std::string, StoredReservation>& stored);
+    ReservationInfo* OwnerOf(uint64_t guid) const;
+
+    OptionInfo options_;
+    Fabric fabric_;
+    LogFunction log_;
+    std::map<uint64_t, std::unique_ptr<Job>> jobs_;
+    std::map<std::string, std::map<uint64_t, Job*>, std::less<>> jobs_by_key_;
+    std::vector<std::unique_ptr<Job>> ended_jobs_;    // until the operation that ended them is over
+    ReservationManager manager_;
+    StateChanges changes_;
+    std::string last_record_;    // that the manager sent in the last operation and that may be a reason
+    v1::ReservationReply* reply_ = nullptr;    // of the request under way
+    bool with_details_ = true;    // the reply describes reservations in full
+};
+
+}    // namespace reservationd

@@ -1,0 +1,637 @@
+// The programs as they are run: processes, sockets, signals, and sudden death.
+
+#include <grpcpp/grpcpp.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "reservation/v1/reservation.grpc.pb.h"
+#include "tests/files.h"
+#include "tests/programs/program.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace v1 = reservation::v1;
+using Stub = v1::ReservationService::Stub;
+using Guids = std::vector<uint64_t>;
+
+std::unique_ptr<Stub> Connect(const std::string& address, const std::shared_ptr<grpc::ChannelCredentials>& credentials =
+                                                              grpc::InsecureChannelCredentials()) {
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);    // a connection of its own
+    return v1::ReservationService::NewStub(grpc::CreateCustomChannel(address, credentials, arguments));
+}
+
+template <typename Request, typename Reply>
+using Method = grpc::Status (Stub::*)(grpc::ClientContext* context, const Request& request, Reply* reply);
+
+template <typename Request, typename Reply>
+grpc::Status Call(Stub& stub, Method<Request, Reply> method, const Request& request, Reply* reply) {
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(10));
+    return (stub.*method)(&context, request, reply);
+}
+
+template <typename Request>
+Request RequestFor(const std::string& key) {
+    Request request;
+    request.set_key(key);
+    return request;
+}
+
+std::string Replaced(const std::string& text, const std::string& what, const std::string& with) {
+    return std::regex_replace(text, std::regex(what), with);
+}
+
+class EndToEndTest : public testing::Test {
+protected:
+    EndToEndTest() { WriteFile("conf", ""); }
+
+    std::string Path(const std::string& name) const { return dir_.path() + "/" + name; }
+    std::string Address() const { return "unix:" + Path("socket"); }
+    void WriteFile(const std::string& name, const std::string& text) const { Write(Path(name), text); }
+
+    // The words of a command, in which DIR stands for the test's directory.
+    std::vector<std::string> Words(const std::string& command) const {
+        std::istringstream words(Replaced(command, "DIR", dir_.path()));
+        return {std::istream_iterator<std::string>(words), {}};
+    }
+
+    // What the command prints, with DIR and TIME, and its exit status when that is not 0.
+    std::string Run(const std::string& command) const {
+        Program program(Words(command));
+        const int status = program.Wait();
+        return Replaced(Replaced(program.Output(), dir_.path(), "DIR"), "\\d{4}-\\d\\d-\\d\\dT[0-9:]{8}Z", "TIME") +
+               (status == 0 ? "" : "exit " + std::to_string(status) + "\n");
+    }
+
+    std::string Ctl(const std::string& arguments) const {
+        return Run(RESERVATIONCTL " --address unix:DIR/socket " + arguments);
+    }
+
+    // Carries out the commands of a session as a terminal shows it, and expects to see the same.
+    void ExpectSession(const std::string& session) const {
+        std::istringstream lines(session);
+        std::string seen;
+        for (std::string line; std::getline(lines, line);) {
+            if (line.starts_with("$ ")) seen += line + "\n" + Ctl(line.substr(2));
+        }
+        EXPECT_EQ(seen, session);
+    }
+
+    std::unique_ptr<Program> Launch(const std::string& options, const std::string& dir = "state",
+                                    const std::string& socket = "socket") const {
+        return std::make_unique<Program>(Words(RESERVATIOND " --config DIR/conf --persistent-dir DIR/" + dir +
+                                               " --socket DIR/" + socket + " " + options));
+    }
+
+    std::unique_ptr<Program> Serve(const std::string& options = "--reservation-mode") const {
+        auto daemon = Launch(options);
+        daemon->WaitFor(" serves ");
+        return daemon;
+    }
+
+    const TemporaryDirectory dir_;
+};
+
+TEST_F(EndToEndTest, AnOperatorsSession) {
+    const auto daemon = Serve();
+    EXPECT_EQ(fs::status(Path("socket")).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    ExpectSession(R"($ create A --pkey 0x8001 --guids 0x10-0x17 --num-trees 4
+in force:
+KEY    PKEY  HCAS   TREES  JOBS  GUIDS
+A    0x8001     8  0 of 4     0  0x10-0x17
+$ job begin 7 --guids 0x10,0x11 --planes 2
+job 7 admitted to reservation A, id 6919333181322027406
+$ update A --add 0x18 --remove 0x17
+in force:
+KEY    PKEY  HCAS   TREES  JOBS  GUIDS
+A    0x8001     8  2 of 4     1  0x10-0x16,0x18
+$ job list
+JOB  RESERVATION  PLANES  TREES  COUNTED  HCAS  GUIDS
+  7  A                 2      1  yes         2  0x10-0x11
+)");
+    const std::string facts = Ctl("status") + Ctl("show A");
+    for (const char* fact :
+         {"store  *DIR/state", "reserved HCAs  *8", "events kept  *1 to 2", "id  *6919333181322027406", "pkey  *0x8001",
+          "limits  *num_trees=4", "jobs  *7", "GUIDs  *0x10-0x16,0x18"}) {
+        EXPECT_TRUE(std::regex_search(facts, std::regex(fact + std::string("\n")))) << fact << " in " << facts;
+    }
+    WriteFile("backup", Ctl("list --json"));
+    ExpectSession(R"($ job end 7
+job 7 ended
+$ delete A
+deleted:
+KEY    PKEY  HCAS   TREES  JOBS  GUIDS
+A    0x8001     8  0 of 4     0  0x10-0x16,0x18
+$ apply DIR/backup --yes
+1. create A: pkey 0x8001, limits num_trees=4, 8 GUIDs (0x10-0x16,0x18)
+1 step, ending 0 jobs
+done: create A: pkey 0x8001, limits num_trees=4, 8 GUIDs (0x10-0x16,0x18)
+$ apply DIR/backup
+nothing to change: 1 reservation as declared
+$ list
+KEY    PKEY  HCAS   TREES  JOBS  GUIDS
+A    0x8001     8  0 of 4     0  0x10-0x16,0x18
+$ watch --from 2 --count 3
+next event: 2
+2  TIME  reservation A updated
+3  TIME  reservation A removed
+4  TIME  reservation A created
+)");
+    daemon->Signal(SIGTERM);
+    EXPECT_EQ(daemon->Wait(), 0);
+    EXPECT_TRUE(Ctl("list").ends_with("\nexit 3\n"));
+}
+
+TEST_F(EndToEndTest, EveryRefusalSaysWhyAndChangesNothing) {
+    const auto daemon = Serve("--reservation-mode --max-request-bytes 65536");
+    Ctl("create A --pkey 0x8001 --guids 0x10-0x17 --num-trees 4");
+    Ctl("create B --pkey 0x8002 --guids 0x20,0x21");
+    Ctl("job begin 7 --guids 0x10,0x11 --trees 2");
+    const std::string before = Ctl("list --json");
+    const std::pair<const char*, const char*> refusals[] = {
+        {"update A --add 0x17", "STATUS_DUPLICATE_GUID: .*GUID 0x17, reservation A\n.*exit 1"},
+        {"update A --add 0x20", "STATUS_GUID_RESERVED: .*GUID 0x20, reservation B\n.*exit 1"},
+        {"update none --add 1", "STATUS_INVALID_KEY: .*could not find such an existing reservation.*exit 1"},
+        {"update A --remove 0x20", "STATUS_INVALID_GUIDS: .*not part of the reservation.*exit 1"},
+        {"show none", "STATUS_NOT_FOUND: .*exit 1"},
+        {"delete A", "STATUS_HAS_JOBS: .*reservation A, job 7\n.*exit 1"},
+        {"create A --pkey 1 --guids 1", "STATUS_PKEY_MISMATCH: .*original: 0x8001, new: 0x0001.*exit 1"},
+        {"create A --pkey 0x8001 --guids 1 --num-trees 5", "STATUS_LIMITS_MISMATCH: .*exit 1"},
+        {"update A --remove 0x11,0x12", "STATUS_GUIDS_USED_BY_JOB: .*GUID 0x11, reservation A, job 7\n.*exit 1"},
+        {"job begin 8 --guids 0x10,0x20", "RESULT_NO_RESERVATION: .*guid=0x20 in reservation_key=B.*exit 1"},
+        {"job begin 8 --guids 0x10 --trees 3", "RESULT_LIMIT_EXCEEDED: .*already using 2 trees.*exit 1"},
+        {"job begin 7 --guids 0x10", "RESULT_ALREADY_RUNNING: .*exit 1"},
+        {"watch --from 9", "event 9 is not there.*, the next one to happen 3\nexit 1"},
+        {"create C --pkey 1 --guids 0x100-0x5000", "nothing has been changed: .* 65536.*exit 1"},
+        {"create a/b --pkey 1 --guids 1", "key 'a/b' contains a slash.*exit 2"},
+        {"create C --pkey 0x10000 --guids 1", "--pkey: .*0x10000.*exit 2"}};
+    for (const auto& [command, expected] : refusals) {
+        const std::string output = Replaced(Ctl(command), "\n", "@");
+        EXPECT_TRUE(std::regex_search(output, std::regex(Replaced(expected, "\n", "@")))) << command << ": " << output;
+    }
+    const auto stub = Connect(Address());
+    v1::ReservationReply reply;
+    const auto fault_of_key = [&](const std::string& key) {
+        return Call(*stub, &Stub::DeleteReservation, RequestFor<v1::DeleteReservationRequest>(key), &reply);
+    };
+    EXPECT_EQ(fault_of_key(std::string(244, 'k')).error_code(), grpc::StatusCode::INVALID_ARGUMENT);
+    EXPECT_FALSE(fault_of_key("\xff").ok());    // no message: its text is not UTF-8
+    EXPECT_EQ(Ctl("list --json"), before);
+}
+
+TEST_F(EndToEndTest, AClientThatHangsDelaysNobody) {
+    const auto daemon = Serve();
+    sockaddr_un address{AF_UNIX, {}};
+    Path("socket").copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const std::string half_frame("PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n\0\0\0\4\0\0\0\0\0\0\4\0\1\4", 38);
+    for (const std::string& bytes : {std::string(), std::string(1000, '\xff'), half_frame}) {
+        const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+        ASSERT_EQ(send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    }
+    Program watcher(Words(RESERVATIONCTL " --address unix:DIR/socket watch --count 2000"));
+    watcher.WaitFor("next event: 1");
+    watcher.Signal(SIGSTOP);
+
+    // More events than lie between a daemon and a client that does not read.
+    const std::string key(200, 'k');
+    auto create = RequestFor<v1::CreateReservationRequest>(key);
+    create.add_guids(1);
+    const auto stub = Connect(Address());
+    v1::ReservationReply reply;
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_TRUE(Call(*stub, &Stub::CreateReservation, create, &reply).ok());
+        ASSERT_TRUE(Call(*stub, &Stub::DeleteReservation, RequestFor<v1::DeleteReservationRequest>(key), &reply).ok());
+    }
+    watcher.Signal(SIGCONT);
+    EXPECT_EQ(watcher.Wait(), 0);
+    EXPECT_NE(watcher.Output().find("\n2000  "), std::string::npos);
+}
+
+TEST_F(EndToEndTest, ASecondDaemonIsTurnedAway) {
+    const auto daemon = Serve();
+    const auto on_same_directory = Launch("", "state", "other");
+    EXPECT_EQ(on_same_directory->Wait(), 1);
+    on_same_directory->WaitFor(Path("state") + " is in use by process " + std::to_string(daemon->pid()));
+    const auto on_same_socket = Launch("", "other", "socket");
+    EXPECT_EQ(on_same_socket->Wait(), 1);
+    on_same_socket->WaitFor(Path("socket") + ": another process listens on it");
+    EXPECT_EQ(Ctl("list --keys"), "");
+}
+
+TEST_F(EndToEndTest, SighupReadsTheOptionsAgain) {
+    WriteFile("conf", "reservation-mode = true\n");
+    const auto daemon = Serve("");
+    Ctl("create A --pkey 1 --guids 1,2");
+    Ctl("create B --pkey 1 --guids 3");
+    Ctl("job begin 7 --guids 3");
+    const auto reload = [&](const std::string& options, const std::string& message) {
+        WriteFile("conf", options);
+        daemon->Signal(SIGHUP);
+        daemon->WaitFor(message);
+    };
+    reload("reservation-mode = perhaps\n", "The options stay as they are");
+    reload("reservation-mode = true\nreservation-allow-guid-override = true\nreservation-allow-ending-jobs = true\n",
+           "Option reservation-allow-guid-override: ");
+    ExpectSession(R"($ update A --add 3
+in force:
+KEY  PKEY  HCAS           TREES  JOBS  GUIDS
+A     0x1     3  0 of unlimited     0  0x1-0x3
+deleted reservation B, whose GUIDs are taken
+ended 1 job: 7
+)");
+    reload("", "Option reservation-mode: 'true' becomes ");
+    EXPECT_TRUE(Ctl("update A --add 4").starts_with("refused: STATUS_MODE_DISABLED"));
+    EXPECT_TRUE(Ctl("job begin 8 --guids 1").starts_with("refused: RESULT_MODE_DISABLED"));
+}
+
+TEST_F(EndToEndTest, PortsMakeReservationsFromTheirPkeys) {
+    const auto daemon = Serve("--reservation-mode --reservation-auto-by-pkeys");
+    EXPECT_EQ(Ctl("pkeys report 0x10 1 --pkeys 0x8001,0x7fff"),
+              "changed: the HCA is in reservation reservation_0x7fff\n");
+    EXPECT_TRUE(Ctl("create A --pkey 1 --guids 1").starts_with("refused: ignored: "));
+    EXPECT_EQ(Ctl("list --keys"), "reservation_0x7fff\n");
+}
+
+TEST_F(EndToEndTest, AFullDiskRefusesChangesUntilThereIsSpace) {
+    auto daemon = Serve();
+    Ctl("create A --pkey 1 --guids 1,2");
+    Ctl("job begin 7 --guids 1");
+    const std::string before = Ctl("list --json") + Ctl("job list");
+    rlimit limit{};
+    const rlimit full{1, RLIM_INFINITY};
+    ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_FSIZE, &full, &limit), 0);
+    for (const char* command :
+         {"update A --add 3", "job begin 8 --guids 2", "job end 7", "create B --pkey 1 --guids 3"}) {
+        EXPECT_EQ(Ctl(command),
+                  "reservationctl: nothing has been changed: DIR/state/reservationd.sqlite: "
+                  "the store cannot be written: disk I/O error\nexit 1\n");
+    }
+    EXPECT_EQ(Ctl("list --json") + Ctl("job list"), before);
+    ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_FSIZE, &limit, nullptr), 0);
+    daemon->WaitFor("The store can be written again");
+    Ctl("job begin 8 --guids 2");
+    daemon.reset();
+    daemon = Serve();
+    ExpectSession(R"($ list
+KEY  PKEY  HCAS           TREES  JOBS  GUIDS
+A     0x1     2  2 of unlimited     2  0x1-0x2
+)");
+}
+
+TEST_F(EndToEndTest, TlsLetsInWhomItsCertificatesName) {
+    WriteFile("make-certificates", R"sh(
+make() {
+    openssl req -x509 -noenc -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -subj /CN=$2 \
+        -keyout $1.key -out $1.pem $3
+}
+signed_by() { echo -addext subjectAltName=IP:127.0.0.1 -CA $1.pem -CAkey $1.key; }
+cd ${0%/*} && make ca ca && make other-ca other-ca && make forger operator "$(signed_by other-ca)" || exit
+for name in daemon operator viewer stranger; do make $name $name "$(signed_by ca)" || exit; done
+)sh");
+    ASSERT_EQ(Program({"sh", Path("make-certificates")}).Wait(), 0);
+    const std::string address = "127.0.0.1:" + std::to_string(20'000 + getpid() % 10'000);
+    const auto files_of = [](const std::string& name) {
+        return Replaced(" --tls-ca DIR/ca.pem --tls-cert DIR/NAME.pem --tls-key DIR/NAME.key ", "NAME", name);
+    };
+    const auto daemon =
+        Serve("--reservation-mode --full-access operator --read-only viewer --tcp " + address + files_of("daemon"));
+    const auto run_as = [&](const std::string& name, const std::string& command) {
+        return Run(RESERVATIONCTL " --address " + address + files_of(name) + command);
+    };
+    const std::string denied = "reservationctl: not allowed: the certificate's common name ";
+    EXPECT_TRUE(run_as("operator", "create A --pkey 1 --guids 1").starts_with("in force:\n"));
+    EXPECT_EQ(run_as("viewer", "list --keys"), "A\n");
+    EXPECT_TRUE(run_as("viewer", "delete A --dry-run").starts_with("would be deleted:\n"));
+    EXPECT_EQ(run_as("viewer", "delete A"), denied + "'viewer' allows reading only\nexit 1\n");
+    EXPECT_EQ(run_as("stranger", "list"), denied + "'stranger' allows nothing here\nexit 1\n");
+    EXPECT_TRUE(run_as("forger", "list").ends_with("\nexit 3\n"));
+
+    const std::string ca = Content(Path("ca.pem"));
+    for (const auto& credentials : {grpc::InsecureChannelCredentials(), grpc::SslCredentials({ca, "", ""})}) {
+        v1::DaemonInfo info;
+        EXPECT_EQ(Call(*Connect(address, credentials), &Stub::GetDaemonInfo, {}, &info).error_code(),
+                  grpc::StatusCode::UNAVAILABLE);
+    }
+    EXPECT_EQ(Ctl("list --keys"), "A\n");
+}
+
+// ---- The replay through the daemon ----
+
+class ConnectedReplayTest : public EndToEndTest {
+protected:
+    using Json = nlohmann::json;
+
+    // Jobs of ten users, many of which start or end together.
+    ConnectedReplayTest() {
+        const auto below = [&](unsigned limit) { return std::to_string(random_() % limit); };
+        std::string trace;
+        for (int i = 1; i <= 120; ++i) {
+            trace += std::to_string(i) + " " + std::to_string(i / 20) + "00 -1 " + below(4) + "00 " +
+                     std::to_string(1 + random_() % 12) + " -1 -1 -1 -1 -1 -1 " + below(10) + " 1 -1 -1 -1 -1 -1\n";
+        }
+        WriteFile("crowded.swf", trace);
+    }
+
+    std::string Replay(const std::string& options) const { return Run(kReplay + options); }
+
+    // What is known of a replay in this process and through a daemon alike.
+    static Json Figures(const std::string& output) {
+        Json figures = Json::parse(output);
+        for (const char* other : {"timing", "start_up", "records", "daemon"}) figures.erase(other);
+        figures["settings"].erase("log_level");
+        return figures;
+    }
+
+    const std::string kReplay = REPLAY_PROGRAM " --hcas 64 --json DIR/crowded.swf ";
+    const std::string kConnect = "--connect unix:DIR/socket ";
+    std::mt19937 random_;
+};
+
+TEST_F(ConnectedReplayTest, FiguresAreThoseOfOneProcessWhateverTheNumberOfClients) {
+    struct Mode {
+        std::string daemon, in_process, connected;
+    };
+    for (const auto& [daemon, in_process, connected] :
+         {Mode{"", "", ""},
+          Mode{"--max-jobs-per-hca 1 --reservation-default-num-trees 9",
+               "--max-jobs-per-hca 1 --default-num-trees 9 --trees 4", "--trees 4 "},
+          Mode{"--reservation-auto-by-pkeys", "--auto-by-pkeys", ""}}) {
+        const Json expected = Figures(Replay(in_process));
+        EXPECT_GT(expected["jobs"]["waited"], 0);
+        EXPECT_EQ(expected["jobs"]["refused"] > 0, !connected.empty());
+        const auto server = Serve("--reservation-mode " + daemon);
+        for (const std::string clients : {"1", "8"}) {
+            EXPECT_EQ(Figures(Replay(connected + kConnect + "--clients " + clients)), expected) << daemon << clients;
+        }
+        server->Signal(SIGTERM);
+        EXPECT_EQ(server->Wait(), 0);
+    }
+}
+
+TEST_F(ConnectedReplayTest, DaemonThatCannotBeUsedIsToldApartFromOneThatGoesAway) {
+    const std::string start = "reservation-replay: unix:DIR/socket: ";
+    EXPECT_TRUE(Replay(kConnect).starts_with(start + "no daemon answers"));
+    EXPECT_EQ(Replay("--connect localhost:1"),
+              "reservation-replay: --tls-ca is missing: localhost:1 is reached over TLS\nexit 2\n");
+    EXPECT_EQ(Replay(kConnect + "--stop-after 3"), "reservation-replay: --stop-after excludes --connect\nexit 2\n");
+    auto daemon = Serve("");
+    EXPECT_EQ(Replay(kConnect), start + "the daemon runs without --reservation-mode\nexit 2\n");
+
+    daemon.reset();
+    daemon = Serve();
+    EXPECT_EQ(Replay(kConnect + "--auto-by-pkeys"),
+              "reservation-replay: --auto-by-pkeys: unix:DIR/socket: the daemon does not make reservations from "
+              "pkeys\nexit 2\n");
+    Program replay(Words(kReplay + kConnect + "--clients 4"));
+    while (!fs::exists(Path("state/reservation.user_1"))) ASSERT_EQ(replay.Output(), "");
+    daemon.reset();
+    EXPECT_EQ(replay.Wait(), 1);
+    EXPECT_EQ(replay.Output().find("reservation-replay: " + Address() + ": no daemon answers"), 0u);
+    EXPECT_EQ(replay.Output().find('\n'), replay.Output().size() - 1) << "more than one line: " << replay.Output();
+
+    daemon = Serve();
+    EXPECT_TRUE(Replay(kConnect).starts_with(start + "the daemon has "));
+}
+
+// ---- Sudden death ----
+
+// The GUIDs of reservations, by "KEY", and of running jobs, by "KEY job ID".
+using State = std::map<std::string, Guids>;
+
+std::string JobName(uint64_t job_id) { return " job " + std::to_string(job_id); }
+
+// A client with reservations, GUIDs and jobs that no other one touches. It knows what has been answered, and what is so
+// if the call that was not answered has been carried out.
+class BusyClient {
+public:
+    explicit BusyClient(uint64_t number) : number_(number), random_(number) {}
+
+    State answered;
+    State possible;
+    int num_answered = 0;
+
+    State Mine(State all) const {
+        std::erase_if(all, [&](const auto& entry) { return !entry.first.starts_with(Key("")); });
+        return all;
+    }
+
+    // Makes call after call until one fails.
+    void Work(const std::string& address) {
+        const auto stub = Connect(address);
+        for (possible = answered; MakeCall(*stub); answered = possible) ++num_answered;
+    }
+
+private:
+    uint64_t Random(uint64_t end) { return random_() % end; }
+    uint64_t RandomGuid() { return number_ * 100 + Random(12); }
+    std::string Key(const std::string& name) const { return "client" + std::to_string(number_) + "-" + name; }
+
+    bool MakeCall(Stub& stub) {
+        const std::string key = Key(std::to_string(Random(4)));
+        auto create = RequestFor<v1::CreateReservationRequest>(key);
+        auto update = RequestFor<v1::UpdateReservationRequest>(key);
+        switch (Random(8)) {
+            case 0:
+                for (int i = 0; i < 3; ++i) create.add_guids(RandomGuid());
+                return Change(stub, &Stub::CreateReservation, create);
+            case 1:
+            case 2:
+                update.add_add_guids(RandomGuid());
+                if (Random(2) == 0) update.add_remove_guids(RandomGuid());
+                return Change(stub, &Stub::UpdateReservation, update);
+            case 3:
+                return Change(stub, &Stub::DeleteReservation, RequestFor<v1::DeleteReservationRequest>(key));
+            default:
+                return BeginOrEnd(stub, number_ * 100 + Random(8), key);
+        }
+    }
+
+    // A dry run tells what the call must then do.
+    template <typename Request>
+    bool Change(Stub& stub, Method<Request, v1::ReservationReply> method, Request request) {
+        v1::ReservationReply foretold;
+        request.set_dry_run(true);
+        if (!Call(stub, method, request, &foretold).ok()) return false;
+        if (foretold.status() == v1::STATUS_SUCCESS) {
+            for (const uint64_t job_id : foretold.consequences().ended_job_ids()) EraseJob(job_id);
+            for (const std::string& key : foretold.consequences().deleted_reservation_keys()) possible.erase(key);
+            const auto& guids = foretold.reservations(0).guids();
+            possible[request.key()] = {guids.begin(), guids.end()};
+            if (std::is_same_v<Request, v1::DeleteReservationRequest>) possible.erase(request.key());
+        }
+        v1::ReservationReply reply;
+        request.set_dry_run(false);
+        if (!Call(stub, method, request, &reply).ok()) return false;
+        EXPECT_EQ(reply.SerializeAsString(), foretold.SerializeAsString());
+        return true;
+    }
+
+    State::iterator FindJob(uint64_t job_id) {
+        const auto is_found = [&](const auto& entry) { return entry.first.ends_with(JobName(job_id)); };
+        return std::find_if(possible.begin(), possible.end(), is_found);
+    }
+
+    bool EraseJob(uint64_t job_id) {
+        const auto job = FindJob(job_id);
+        if (job == possible.end()) return false;
+        possible.erase(job);
+        return true;
+    }
+
+    // A job that runs ends, or begins once more as it did. One that does not run begins, or ends all the same.
+    bool BeginOrEnd(Stub& stub, uint64_t job_id, const std::string& key) {
+        auto job = FindJob(job_id);
+        if ((job == possible.end() && !possible.contains(key)) || Random(3) == 0) {
+            v1::EndJobRequest request;
+            request.set_job_id(job_id);
+            v1::EndJobReply reply;
+            const bool was_running = EraseJob(job_id);
+            if (!Call(stub, &Stub::EndJob, request, &reply).ok()) return false;
+            EXPECT_EQ(reply.was_running(), was_running);
+            return true;
+        }
+        if (job == possible.end()) job = possible.emplace(key + JobName(job_id), Guids{possible[key].front()}).first;
+        v1::BeginJobRequest request;
+        request.set_job_id(job_id);
+        request.add_guids(job->second.front());
+        request.set_trees(static_cast<uint32_t>(1 + job_id % 3));
+        v1::BeginJobReply reply;
+        if (!Call(stub, &Stub::BeginJob, request, &reply).ok()) return false;
+        EXPECT_EQ(reply.reservation_key() + JobName(job_id), job->first) << reply.reason();
+        return true;
+    }
+
+    const uint64_t number_;
+    std::mt19937_64 random_;
+};
+
+class SuddenDeathTest : public EndToEndTest {
+protected:
+    // What the daemon has, after a check that its accounts and its files agree.
+    State Look() const {
+        const auto stub = Connect(Address());
+        auto request = RequestFor<v1::GetReservationsRequest>("");
+        request.set_with_details(true);
+        v1::ReservationReply reservations;
+        v1::ListJobsReply jobs;
+        EXPECT_TRUE(Call(*stub, &Stub::GetReservations, request, &reservations).ok());
+        EXPECT_TRUE(Call(*stub, &Stub::ListJobs, {}, &jobs).ok());
+        State state;
+        std::map<std::string, std::pair<uint32_t, Guids>> accounts;
+        for (const v1::Job& job : jobs.jobs()) {
+            const std::string& key = job.reservation_key();
+            state[key + JobName(job.job_id())] = {job.guids().begin(), job.guids().end()};
+            accounts[key].first += job.planes() * job.trees();
+            accounts[key].second.push_back(job.job_id());
+        }
+        State stored;
+        for (const v1::Reservation& reservation : reservations.reservations()) {
+            const std::string& key = reservation.key();
+            const Guids job_ids(reservation.job_ids().begin(), reservation.job_ids().end());
+            EXPECT_EQ(std::pair(reservation.used_trees(), job_ids), accounts[key]);
+            stored[key] = state[key] = {reservation.guids().begin(), reservation.guids().end()};
+        }
+        EXPECT_EQ(ReadStored(), stored);
+        return state;
+    }
+
+    // The GUIDs in the reservation files, by key.
+    State ReadStored() const {
+        State stored;
+        for (const fs::directory_entry& entry : fs::directory_iterator(Path("state"))) {
+            const std::string name = entry.path().filename();
+            if (!name.starts_with("reservation.")) continue;
+            Guids& guids = stored[name.substr(name.find('.') + 1)];
+            std::ifstream file(entry.path());
+            for (std::string field, value; file >> field && std::getline(file, value);) {
+                if (field == "guid") guids.push_back(std::stoull(value, nullptr, 16));
+            }
+        }
+        return stored;
+    }
+
+    void ExpectEventsWithoutGap() const {
+        v1::DaemonInfo info;
+        EXPECT_TRUE(Call(*Connect(Address()), &Stub::GetDaemonInfo, {}, &info).ok());
+        const std::string newest = std::to_string(info.last_sequence());
+        const std::string events = Ctl("watch --from 1 --count " + newest);
+        EXPECT_EQ(std::count(events.begin(), events.end(), '\n'), static_cast<ptrdiff_t>(info.last_sequence() + 1));
+        EXPECT_NE(events.find("\n" + newest + "  "), std::string::npos);
+    }
+
+    void SleepAtMost(unsigned millis) { std::this_thread::sleep_for(std::chrono::milliseconds(random_() % millis)); }
+
+    std::mt19937 random_;
+};
+
+TEST_F(SuddenDeathTest, NothingThatWasAnsweredIsLost) {
+    constexpr int kNumRounds = 20;
+    const std::string options =
+        "--reservation-mode --reservation-allow-guid-override --reservation-allow-ending-jobs --kept-events 1000000";
+    std::vector<BusyClient> clients;
+    for (uint64_t number = 1; number <= 4; ++number) clients.emplace_back(number);
+    int num_losses = 0;
+    int num_open = 0;
+    int num_open_made = 0;
+    for (int round = 0; round <= kNumRounds; ++round) {
+        {
+            const auto dies_early = Launch(options);
+            SleepAtMost(40);
+        }
+        const auto daemon = Serve(options);
+        const State state = Look();
+        for (BusyClient& client : clients) {
+            const State mine = client.Mine(state);
+            const bool is_open = client.answered != client.possible;
+            const bool is_kept = mine == client.answered || mine == client.possible;
+            EXPECT_TRUE(is_kept) << testing::PrintToString(mine) << " is neither the answered "
+                                 << testing::PrintToString(client.answered) << " nor the possible "
+                                 << testing::PrintToString(client.possible);
+            num_losses += is_kept ? 0 : 1;
+            num_open += is_open ? 1 : 0;
+            num_open_made += is_open && mine == client.possible ? 1 : 0;
+            client.answered = mine;
+        }
+        if (round == kNumRounds) {
+            ExpectEventsWithoutGap();
+            break;
+        }
+        std::vector<std::thread> threads;
+        for (BusyClient& client : clients) threads.emplace_back([&] { client.Work(Address()); });
+        SleepAtMost(200);
+        daemon->Signal(SIGKILL);
+        for (std::thread& thread : threads) thread.join();
+    }
+    int num_answered = 0;
+    for (const BusyClient& client : clients) num_answered += client.num_answered;
+    std::cout << kNumRounds << " sudden deaths under load: " << num_answered << " calls answered, " << num_losses
+              << " losses; of " << num_open << " changes without an answer " << num_open_made << " had been made\n";
+    EXPECT_GT(num_answered, 10 * kNumRounds);
+}
+
+}    // namespace

@@ -29,8 +29,10 @@ std::string Printable(std::string_view text) {
         }
         if (!IsControlCharacter(character)) {
             printable.append(first, next);
+        } else if (character < 0x80) {
+            absl::StrAppendFormat(&printable, "\\x%02x", uint32_t{character});
         } else {
-            absl::StrAppendFormat(&printable, character < 0x80 ? "\\x%02x" : "\\u%04x", uint32_t{character});
+            absl::StrAppendFormat(&printable, "\\u%04x", uint32_t{character});
         }
     }
     return printable;

@@ -334,6 +334,10 @@ int dov_msg_unpack(uint64_t, int type, const char* buffer, vesk_dov_msg** msg) {
     return *msg != nullptr ? 0 : -1;
 }
 
+bool dov_msg_fills(int type, const char* buffer, uint64_t size) {
+    return type == VESK_MSG_TYPE_RESERVATION_INFO && std::strlen(buffer) == size;    // packed text holds no NUL
+}
+
 void dov_vesk_msg_release(int type, vesk_dov_msg* msg) {
     if (msg == nullptr || type != VESK_MSG_TYPE_RESERVATION_INFO) return;
     if (msg->data != nullptr) RecordDeleter()(static_cast<vesk_reservation_info*>(msg->data));

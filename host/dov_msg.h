@@ -40,5 +40,10 @@ int dov_msg_pack(uint64_t, int type, uint64_t, const vesk_dov_msg* msg, char** b
 // out, which says nothing about the text, std::bad_alloc passes through.
 int dov_msg_unpack(uint64_t, int type, const char* buffer, vesk_dov_msg** msg);
 
+// Whether the packed message at `buffer` is exactly `size` bytes long, nothing behind it: the decoder is not told how
+// many there are. REQUIRES: dov_msg_unpack accepted the message; a NUL follows the `size` bytes, as the decoder wants
+// it. False when the type is another.
+bool dov_msg_fills(int type, const char* buffer, uint64_t size);
+
 // Releases a message that dov_msg_unpack made, with its record. Null is allowed.
 void dov_vesk_msg_release(int type, vesk_dov_msg* msg);

@@ -126,6 +126,11 @@ TEST(Message, RefusesWhatPackingDoesNotWrite) {
     EXPECT_EQ(Unpack(Sealed("vesk_reservation_info 1\n\n")), "bad");
     EXPECT_EQ(Unpack(Sealed("")), "bad");
     EXPECT_EQ(Unpack(good + good), "bad");
+    const std::string longer = good + '\0' + "more";
+    EXPECT_NE(Unpack(longer), "bad");
+    EXPECT_TRUE(dov_msg_fills(VESK_MSG_TYPE_RESERVATION_INFO, good.c_str(), good.size()));
+    EXPECT_FALSE(dov_msg_fills(VESK_MSG_TYPE_RESERVATION_INFO, longer.c_str(), longer.size()));
+    EXPECT_FALSE(dov_msg_fills(17, good.c_str(), good.size()));
     for (size_t length = 0; length < good.size(); ++length) EXPECT_EQ(Unpack(good.substr(0, length)), "bad") << length;
 }
 

@@ -394,9 +394,10 @@ void MeasureJob(benchmark::State& state, Floor floor) {
     Guids guids = FreeGuids(state);
     fabric.Create(kKey, guids);
     const std::unique_ptr<VeskJob> job = MakeJob(1, guids);
+    JobResource resource{.requested_trees = 1};
     const auto come_and_go = [&] {
         ReservationInfo* const reservation = manager.GetReservationByJob(job.get());
-        if (manager.ValidateReservationResources(reservation, {.requested_trees = 1}, job.get()) != 0) std::abort();
+        if (manager.ValidateReservationResources(reservation, resource, job.get()) != 0) std::abort();
         manager.AddJob(reservation, job.get());
         manager.RemoveJob(reservation, job.get());
     };

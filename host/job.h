@@ -21,8 +21,8 @@ struct VeskExtJobId {
 
 // One port of a job.
 struct PortData {
-    uint64_t guid;    // of the HCA to which the port belongs
-    uint8_t port_num;
+    uint64_t guid = 0;    // of the HCA to which the port belongs
+    uint8_t port_num = 0;
 };
 
 // By GUID, then port number, then address.
@@ -35,7 +35,7 @@ struct VeskTree {
     std::set<const PortData*, PortDataOrder> ports;
 };
 
-// What a starting job asks of its reservation.
+// Trees requested by a starting job, summed over all planes.
 struct JobResource {
     uint16_t requested_trees = 0;
 };

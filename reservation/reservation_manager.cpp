@@ -1,8 +1,6 @@
 #include "reservation/reservation_manager.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,13 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <new>
 #include <span>
-#include <tuple>
 #include <utility>
 
 #include "host/dov_msg.h"
@@ -25,6 +22,12 @@
 #include "host/hash_bytes.h"
 #include "host/log.h"
 #include "host/option_info.h"
+#include "reservation/guid_list.h"
+#include "reservation/hca_cursor.h"
+#include "reservation/regular_file.h"
+#include "reservation/reply.h"
+#include "reservation/reservation_records.h"
+#include "reservation/rollback.h"
 
 // A record of the named operation. Levels 1 and 2 are always sent; the arguments of the others are not even evaluated
 // unless the logger wants them. A macro, so that the record has the line, and the compiler checks the format.
@@ -36,6 +39,21 @@
 
 #define RESERVE_LOG(level, ...) RESERVE_LOG_FOR(__func__, level, __VA_ARGS__)
 
+using reservation_internal::CanBeRead;
+using reservation_internal::CopyGuids;
+using reservation_internal::Describe;
+using reservation_internal::Difference;
+using reservation_internal::GuidList;
+using reservation_internal::GuidSpan;
+using reservation_internal::HcaCursor;
+using reservation_internal::OpenUnlessPipe;
+using reservation_internal::ReplaceGuids;
+using reservation_internal::Reply;
+using reservation_internal::Rollback;
+using reservation_internal::SmallestCommonGuid;
+using reservation_internal::SortGuids;
+using reservation_internal::Union;
+
 namespace {
 
 constexpr char kReservationFilePrefix[] = "reservation.";
@@ -43,191 +61,27 @@ constexpr size_t kMaxPathLength = 4095;
 constexpr uint64_t kMinReservationFileSize = 16;
 constexpr uint64_t kMaxReservationFileSize = uint64_t{1} << 37;    // more than 2^32 GUIDs take
 
-using GuidList = std::vector<uint64_t>;
+GuidSpan GuidsOf(const ReservationInfo* reservation) { return {reservation->info.guids, reservation->info.num_guids}; }
 
-// ---- Undoing and replying, whichever way an operation is left ----
-
-// Calls `undo` when it goes out of scope, unless what it guards is done.
-template <typename Undo>
-class Rollback {
-public:
-    explicit Rollback(Undo undo) : undo_(std::move(undo)) {}
-    Rollback(const Rollback&) = delete;
-    Rollback& operator=(const Rollback&) = delete;
-    ~Rollback() {
-        if (!done_) undo_();
-    }
-    void Done() { done_ = true; }
-
-private:
-    Undo undo_;
-    bool done_ = false;
-};
-
-// The one reply of a request. It goes out when it is sent or, at the latest, when it goes out of scope, with what the
-// list holds by then. What the sending throws is swallowed: the request is over by then.
-class Reply {
-public:
-    enum class Failures { kCounted, kNotCounted };
-
-    Reply(const CommandManager* command_manager, const dov_ep* ep, uint64_t transaction_id, Failures failures)
-        : command_manager_(command_manager), ep_(ep), transaction_id_(transaction_id), failures_(failures) {}
-    Reply(const Reply&) = delete;
-    Reply& operator=(const Reply&) = delete;
-    ~Reply() { Send(); }
-
-    // Makes `entry` the list's only one.
-    void AddEntry() {
-        list.num_reservations = 1;
-        list.reservations = &entry;
-    }
-
-    void Send() noexcept {
-        if (sent_) return;
-        sent_ = true;
-        try {
-            command_manager_->SendReservationInfoList(ep_, list, transaction_id_);
-        } catch (...) {
-        }
-        if (failures_ == Failures::kCounted && list.status != VESK_STATUS_SUCCESS)
-            ++g_fabric->failed_reservation_requests;
-    }
-
-    vesk_reservation_info_list list{};
-    vesk_reservation_info entry{};
-
-private:
-    const CommandManager* command_manager_;
-    const dov_ep* ep_;
-    uint64_t transaction_id_;
-    Failures failures_;
-    bool sent_ = false;
-};
-
-// ---- GUID lists ----
-
-uint64_t* CopyOfGuids(const uint64_t* guids, size_t count) {
-    if (count == 0) return nullptr;
-    auto* copy = new uint64_t[count];
-    std::copy_n(guids, count, copy);
-    return copy;
+bool IsNamed(const ReservationInfo* reservation, const char* key) {
+    return std::strcmp(reservation->info.reservation_key, key) == 0;
 }
 
-// Most requests arrive sorted.
-void SortGuids(uint64_t* guids, uint32_t count) {
-    if (!std::is_sorted(guids, guids + count)) std::sort(guids, guids + count);
+// The list of a request, sorted in place and copied. One that is counted but not there is an absent one.
+GuidList SortedCopy(uint64_t* guids, uint32_t count) {
+    if (guids == nullptr) return {};
+    SortGuids({guids, count});
+    return {guids, guids + count};
 }
 
-// The first GUID of an ascending list that is not below `guid`. Steps grow from its start, near which it mostly is, so
-// that going through a list costs no more than its length, and far less when few GUIDs are looked for in a long one.
-const uint64_t* SkipBelow(const uint64_t* first, const uint64_t* last, uint64_t guid) {
-    ptrdiff_t step = 1;
-    for (; step < last - first && first[step] < guid; step *= 2) first += step;
-    return std::lower_bound(first, first + std::min(step, last - first), guid);
-}
-
-// The GUIDs of `left` that are not in `right`; both ascending.
-GuidList Difference(const uint64_t* left, size_t num_left, const uint64_t* right, size_t num_right) {
-    const uint64_t* const left_end = left + num_left;
-    const uint64_t* const right_end = right + num_right;
-    GuidList difference;
-    difference.reserve(std::max(num_left, num_right));
-    while (left != left_end) {
-        std::tie(left, right) = std::mismatch(left, left_end, right, right_end);
-        if (left == left_end) break;
-        right = SkipBelow(right, right_end, *left);
-        const uint64_t* const common = right != right_end ? SkipBelow(left, left_end, *right) : left_end;
-        difference.insert(difference.end(), left, common);
-        left = common;
-    }
-    return difference;
-}
-
-GuidList Merged(const GuidList& left, const GuidList& right) {
-    GuidList merged;
-    merged.reserve(left.size() + right.size());
-    const uint64_t* next = left.data();
-    const uint64_t* const end = next + left.size();
-    for (const uint64_t guid : right) {
-        const uint64_t* const place = SkipBelow(next, end, guid);
-        merged.insert(merged.end(), next, place);
-        merged.push_back(guid);
-        next = place;
-    }
-    merged.insert(merged.end(), next, end);
-    return merged;
-}
-
-// The smallest GUID that both ascending lists hold, or null.
-const uint64_t* SmallestCommonGuid(const vesk_reservation_info& info, const GuidList& guids) {
-    const uint64_t* held = info.guids;
-    const uint64_t* const held_end = info.guids + info.num_guids;
-    for (const uint64_t guid : guids) {
-        held = SkipBelow(held, held_end, guid);
-        if (held != held_end && *held == guid) return held;
-    }
-    return nullptr;
-}
-
-// Follows GUIDs through the index of reserved HCAs. GUIDs come ascending nearly always, and neighbours in a request are
-// neighbours in the index: a GUID is looked for two steps on, and searched for from the root when it is not there. The
-// index must not be changed but through the walk while it is used.
-class HcaWalk {
-public:
-    using Index = std::map<uint64_t, ReservationHCAInfo>;
-
-    explicit HcaWalk(Index& index) : index_(index), place_(index.begin()) {}
-
-    // The GUID's record, or null.
-    ReservationHCAInfo* Find(uint64_t guid) { return Reach(guid) ? &place_->second : nullptr; }
-
-    // The GUID's owner, which is `owner` when it had none. The place stays behind a new entry, as the next GUID belongs
-    // there: to step over the last entry is to climb the whole tree.
-    ReservationInfo* Claim(uint64_t guid, ReservationInfo* owner) {
-        if (Reach(guid)) return place_->second.reservation;
-        return index_.emplace_hint(place_, guid, ReservationHCAInfo{owner})->second.reservation;
-    }
-
-    // Erases what Find has just found.
-    void EraseFound() { place_ = index_.erase(place_); }
-
-private:
-    static constexpr int kSteps = 2;    // past one HCA of another reservation
-
-    // Goes to the first entry that is not below the GUID, and tells whether it is the GUID's.
-    bool Reach(uint64_t guid) {
-        for (int steps = guid >= guid_ ? kSteps : 0; steps > 0 && IsBelow(guid); --steps) ++place_;
-        if (guid < guid_ || IsBelow(guid)) place_ = index_.lower_bound(guid);
-        guid_ = guid;
-        return place_ != index_.end() && place_->first == guid;
-    }
-
-    bool IsBelow(uint64_t guid) const { return place_ != index_.end() && place_->first < guid; }
-
-    Index& index_;
-    Index::iterator place_;    // the first entry that is not below guid_
-    uint64_t guid_ = 0;
-};
-
-// ---- Records ----
-
-template <typename To, typename From>
-void CopyLimits(To& to, const From& from) {
-    std::copy(std::begin(from.limits), std::end(from.limits), std::begin(to.limits));
-    to.auto_created = from.auto_created;
-}
-
-// Describes a reservation, or a request for one, in a reply: all but key and state. The GUIDs stay where they are.
-template <typename Record>
-void Describe(vesk_reservation_info& entry, const Record& record) {
-    entry.pkey = record.pkey;
-    entry.num_guids = record.num_guids;
-    entry.guids = record.guids;
-    CopyLimits(entry, record);
+// Erases the HCAs' entries, whoever owns them.
+void EraseEntries(HcaCursor::Index& index, GuidSpan guids) {
+    HcaCursor cursor(index);
+    for (const uint64_t guid : guids) cursor.Erase(guid);
 }
 
 bool HaveSameKey(const ReservationInfo* one, const ReservationInfo* other) {
-    return one == other || std::strcmp(one->info.reservation_key, other->info.reservation_key) == 0;
+    return one == other || IsNamed(one, other->info.reservation_key);
 }
 
 // ---- Jobs ----
@@ -267,34 +121,6 @@ bool HasReservationFileName(const char* name) {
     return std::strncmp(name, kReservationFilePrefix, std::strlen(kReservationFilePrefix)) == 0;
 }
 
-// Whether opening the file could wait for somebody.
-bool IsPipe(const std::string& path) {
-    std::error_code error;
-    return std::filesystem::status(path, error).type() == std::filesystem::file_type::fifo;
-}
-
-// Opens a file, unless it is a pipe.
-template <typename Stream>
-void Open(Stream& file, const std::string& path, std::ios_base::openmode mode) {
-    if (IsPipe(path)) {
-        errno = EINVAL;
-        file.setstate(std::ios_base::failbit);
-        return;
-    }
-    file.open(path, mode | std::ios_base::binary);
-}
-
-// Whether Open opens the file for reading. It makes no stream, which would take longer than the rest of a deletion, and
-// does not wait for a pipe's writer.
-bool CanBeRead(const std::string& path) {
-    const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (file < 0) return false;
-    struct stat status {};
-    const bool is_pipe = fstat(file, &status) == 0 && S_ISFIFO(status.st_mode);
-    close(file);
-    return !is_pipe;
-}
-
 struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
 };
@@ -303,6 +129,7 @@ using DirPointer = std::unique_ptr<DIR, DirCloser>;
 struct MessageReleaser {
     void operator()(vesk_dov_msg* msg) const { dov_vesk_msg_release(VESK_MSG_TYPE_RESERVATION_INFO, msg); }
 };
+using MessagePointer = std::unique_ptr<vesk_dov_msg, MessageReleaser>;
 
 // Calls `handle` with the path of every reservation file in `dir`, in the directory's order. The records are
 // `operation`'s.
@@ -335,58 +162,6 @@ bool IsAutoMode() { return g_option_info->reservation_auto_by_pkeys && g_option_
 
 }    // namespace
 
-// ---- ReservationJobInfo, ReservationInfo ----
-
-bool ReservationJobInfo::CheckAtLeastOneGuidInJob(const GuidList& candidates) const {
-    return std::any_of(candidates.begin(), candidates.end(), [this](uint64_t guid) { return guids.contains(guid); });
-}
-
-ReservationInfo::ReservationInfo(const vesk_reservation_info* source) {
-    vesk_copy_key(info.reservation_key, source->reservation_key);
-    info.pkey = source->pkey;
-    info.state = source->state;
-    info.guids = CopyOfGuids(source->guids, source->num_guids);
-    info.num_guids = source->num_guids;
-    CopyLimits(info, *source);
-}
-
-ReservationInfo::~ReservationInfo() { delete[] info.guids; }
-
-void ReservationInfo::SetReservationInfo(const vesk_create_reservation& request) {
-    vesk_copy_key(info.reservation_key, request.reservation_key);
-    info.pkey = request.pkey;
-    info.guids = CopyOfGuids(request.guids, request.num_guids);
-    info.num_guids = request.num_guids;
-    CopyLimits(info, request);
-    info.state = VESK_STATE_ACTIVE;
-}
-
-void ReservationInfo::UpdateReservationInfo(const GuidList& guids) {
-    uint64_t* const copy = CopyOfGuids(guids.data(), guids.size());
-    delete[] info.guids;
-    info.guids = copy;
-    info.num_guids = static_cast<uint32_t>(guids.size());
-    owns_all_guids = false;
-}
-
-uint32_t ReservationInfo::CheckModifiedResources(const vesk_create_reservation& request) const {
-    for (size_t i = 0; i < VESK_NUM_LIMITS; ++i) {
-        if (request.limits[i] == VESK_LIMIT_NOT_GIVEN) continue;
-        if (request.limits[i] != info.limits[i]) return VESK_STATUS_LIMITS_MISMATCH;
-    }
-    return VESK_STATUS_SUCCESS;
-}
-
-void ReservationInfo::SetResourceLimitation() {
-    const uint32_t num_trees = info.limits[VESK_LIMIT_NUM_TREES];
-    const uint32_t default_num_trees = g_option_info->reservation_default_num_trees;
-    if (num_trees != VESK_LIMIT_NOT_GIVEN) {
-        max_trees = std::min(num_trees, RESERVATION_NO_TREES_LIMIT);
-    } else {
-        max_trees = default_num_trees == VESK_LIMIT_NOT_GIVEN ? RESERVATION_NO_TREES_LIMIT : default_num_trees;
-    }
-}
-
 // ---- Registry ----
 
 ReservationManager::ReservationManager(CommandManager* manager) : command_manager(manager) {}
@@ -396,33 +171,9 @@ ReservationManager::~ReservationManager() {
 }
 
 void ReservationManager::AddReservationToDB(ReservationInfo* info) {
-    if (reservations.find(info->info.reservation_key) == reservations.end()) {
-        reservations.emplace(info->info.reservation_key, info);
-    }
-    info->owns_all_guids = IndexGuids(info, info->info.guids, info->info.num_guids);
-}
-
-// Gives the reservation those of the GUIDs that have no owner. Tells whether it owns all of them now and they ascend,
-// as all GUIDs do but those from a file that somebody else has written.
-bool ReservationManager::IndexGuids(ReservationInfo* info, const uint64_t* guids, size_t count) {
-    HcaWalk walk(hca_infos);
-    bool owns_all = true;
-    for (size_t i = 0; i < count; ++i) {
-        owns_all &= walk.Claim(guids[i], info) == info;
-        owns_all &= i == 0 || guids[i - 1] < guids[i];
-    }
-    return owns_all;
-}
-
-// Takes the GUIDs out of the index: all of them, or those that `owner` has when it is given.
-void ReservationManager::UnindexGuids(const uint64_t* guids, size_t count, const ReservationInfo* owner) {
-    HcaWalk walk(hca_infos);
-    for (size_t i = 0; i < count; ++i) {
-        const ReservationHCAInfo* hca = walk.Find(guids[i]);
-        if (hca == nullptr || (owner != nullptr && hca->reservation != owner)) continue;
-        hca->reservation->owns_all_guids = false;
-        walk.EraseFound();
-    }
+    reservations.try_emplace(info->info.reservation_key, info);
+    HcaCursor cursor(hca_infos);
+    for (const uint64_t guid : GuidsOf(info)) cursor.InsertIfAbsent(guid, info);
 }
 
 ReservationInfo* ReservationManager::GetReservationInfoByKey(const std::string& key) {
@@ -430,30 +181,29 @@ ReservationInfo* ReservationManager::GetReservationInfoByKey(const std::string& 
     return found != reservations.end() ? found->second : nullptr;
 }
 
-ReservationInfo* ReservationManager::GetReservationByGuids(const uint64_t* guids, uint32_t count) {
+ReservationInfo* ReservationManager::GetReservationByGuids(uint64_t* guids, uint32_t count) {
     if (count == 0 || guids == nullptr) {
         RESERVE_LOG(1, "Get Reservation By Guids: no GUID provided");
         return nullptr;
     }
-    HcaWalk walk(hca_infos);
-    const ReservationHCAInfo* first = walk.Find(guids[0]);
-    if (first == nullptr) {
+    HcaCursor cursor(hca_infos);
+    ReservationInfo* const reservation = cursor.FindOwner(guids[0]);
+    if (reservation == nullptr) {
         RESERVE_LOG(3, "Get Reservation By Guids: guid=0x%lx not in any reservation", guids[0]);
         return nullptr;
     }
-    ReservationInfo* const reservation = first->reservation;
     const char* const key = reservation->info.reservation_key;
     for (uint32_t i = 1; i < count; ++i) {
-        const ReservationHCAInfo* hca = walk.Find(guids[i]);
-        if (hca == nullptr) {
+        const ReservationInfo* const owner = cursor.FindOwner(guids[i]);
+        if (owner == nullptr) {
             RESERVE_LOG(3, "Get Reservation By Guids: guid=0x%lx not found in reservation=%s", guids[i], key);
             return nullptr;
         }
-        if (!HaveSameKey(hca->reservation, reservation)) {
+        if (!HaveSameKey(owner, reservation)) {
             RESERVE_LOG(3,
                         "Get Reservation By Guids: two guids in two reservations, guid=0x%lx in reservation_key=%s, "
                         "guid=0x%lx in reservation_key=%s",
-                        guids[0], key, guids[i], hca->reservation->info.reservation_key);
+                        guids[0], key, guids[i], owner->info.reservation_key);
             return nullptr;
         }
     }
@@ -487,8 +237,7 @@ void ReservationManager::CreateReservation(const vesk_create_reservation& reques
                 static_cast<int>(request.limits[VESK_LIMIT_NUM_TREES]));
 
     Reply reply(command_manager, ep, transaction_id, Reply::Failures::kCounted);
-    reply.AddEntry();
-    vesk_copy_key(reply.entry.reservation_key, request.reservation_key);
+    reply.SetEntry(request.reservation_key);
     Describe(reply.entry, request);
 
     ReservationInfo* info = nullptr;
@@ -519,7 +268,7 @@ uint32_t ReservationManager::CreateOrReplace(const vesk_create_reservation& requ
                         "Could not create reservation with reservation_key: %s because num_guids is empty", key);
         return VESK_STATUS_INVALID_GUIDS;
     }
-    SortGuids(request.guids, request.num_guids);
+    SortGuids({request.guids, request.num_guids});
 
     std::unordered_set<ReservationInfo*> affected;
     uint32_t status = HandleAddedGuidsAndOtherReservations(key, request.num_guids, request.guids, affected);
@@ -533,8 +282,7 @@ uint32_t ReservationManager::CreateOrReplace(const vesk_create_reservation& requ
         auto created = std::make_unique<ReservationInfo>();
         created->SetReservationInfo(request);
         target = created.release();
-        InternalCreateNewReservation(target);
-        g_event_manager->AddReservationCreatedEvent(key);
+        EnterNewReservation(target, Announcement::kCreatedEvent);
     }
     PostUpdateReservation(target, affected);
     info = target;
@@ -542,15 +290,10 @@ uint32_t ReservationManager::CreateOrReplace(const vesk_create_reservation& requ
 }
 
 uint32_t ReservationManager::HandleAddedGuidsAndOtherReservations(const char* reservation_key, uint32_t num_guids,
-                                                                  const uint64_t* guids,
+                                                                  uint64_t* guids,
                                                                   std::unordered_set<ReservationInfo*>& affected) {
-    // What the reservation is known to own already is not looked up.
-    const ReservationInfo* const holder = GetReservationInfoByKey(reservation_key);
-    const bool owns_all = holder != nullptr && holder->owns_all_guids;
-    const uint64_t* held = owns_all ? holder->info.guids : nullptr;
-    const uint64_t* const held_end = owns_all ? held + holder->info.num_guids : nullptr;
-
-    HcaWalk walk(hca_infos);
+    HcaCursor cursor(hca_infos);
+    const ReservationInfo* own = nullptr;    // the owner that is known to have this key
     for (uint32_t i = 0; i < num_guids; ++i) {
         const uint64_t guid = guids[i];
         if (guid == 0) {
@@ -563,25 +306,24 @@ uint32_t ReservationManager::HandleAddedGuidsAndOtherReservations(const char* re
                         reservation_key, guid);
             return VESK_STATUS_DUPLICATE_GUID;
         }
-        held = SkipBelow(held, held_end, guid);
-        if (held != held_end && *held == guid) continue;
-        const ReservationHCAInfo* hca = walk.Find(guid);
-        if (hca == nullptr || affected.contains(hca->reservation)) continue;
-
-        const uint32_t status = CheckOwnerOfAddedGuid(reservation_key, guid, hca->reservation, affected);
+        ReservationInfo* const owner = cursor.FindOwner(guid);
+        if (owner == own || owner == nullptr || affected.contains(owner)) continue;
+        if (IsNamed(owner, reservation_key)) {
+            own = owner;
+            continue;
+        }
+        const uint32_t status = CheckOwnerOfAddedGuid(reservation_key, guid, owner, affected);
         if (status != VESK_STATUS_SUCCESS) return status;
     }
     return VESK_STATUS_SUCCESS;
 }
 
-// Whether a GUID that `owner` holds may go to the reservation with this key; if so, `owner` joins the affected ones.
+// Whether a GUID of another reservation may go to the one with this key; if so, its owner joins the affected ones.
 uint32_t ReservationManager::CheckOwnerOfAddedGuid(const char* reservation_key, uint64_t guid,
                                                    const ReservationInfo* owner,
                                                    std::unordered_set<ReservationInfo*>& affected) {
     constexpr char kOperation[] = "HandleAddedGuidsAndOtherReservations";
     const char* const owner_key = owner->info.reservation_key;
-    if (std::strcmp(owner_key, reservation_key) == 0) return VESK_STATUS_SUCCESS;
-
     if (!g_option_info->reservation_allow_guid_override) {
         RESERVE_LOG_FOR(kOperation, 3,
                         "Could not create reservation with reservation key=%s, guid=0x%lx already reserved in key=%s",
@@ -606,28 +348,57 @@ uint32_t ReservationManager::CheckOwnerOfAddedGuid(const char* reservation_key, 
 }
 
 void ReservationManager::InternalCreateNewReservation(ReservationInfo* info) {
-    Rollback forget([this, info] { ForgetNewReservation(info); });
+    EnterNewReservation(info, Announcement::kNone);
+}
+
+void ReservationManager::EnterNewReservation(ReservationInfo* info, Announcement announcement) {
+    constexpr char kOperation[] = "InternalCreateNewReservation";
+    std::set<VeskJob*> attached_jobs;
+    // Jobs can bring the id 0, and then another one.
+    const bool had_id_zero = reservation_keys_by_id.contains(0);
+    const size_t num_ids = reservation_keys_by_id.size();
+    Rollback forget([&] {
+        if (!had_id_zero) reservation_keys_by_id.erase(0);
+        if (reservation_keys_by_id.size() > num_ids) reservation_keys_by_id.erase(info->reservation_id);
+        ForgetNewReservation(info, attached_jobs);
+    });
     info->SetResourceLimitation();
     AddReservationToDB(info);
-    if (!g_option_info->reservation_auto_by_pkeys) HandleAlreadyRunningJobs(info);
+    if (!g_option_info->reservation_auto_by_pkeys) AttachRunningJobs(info, attached_jobs);
     CreateReservationId(*info);
-    forget.Done();
 
     const std::string limit =
         info->max_trees == RESERVATION_NO_TREES_LIMIT ? "no limit" : std::to_string(info->max_trees);
-    RESERVE_LOG(3, "Reservation with key=%s, id=%lu, allocated with %d guids, num trees limit: %s",
-                info->info.reservation_key, info->reservation_id, static_cast<int>(info->info.num_guids),
-                limit.c_str());
+    RESERVE_LOG_FOR(kOperation, 3, "Reservation with key=%s, id=%lu, allocated with %d guids, num trees limit: %s",
+                    info->info.reservation_key, info->reservation_id, static_cast<int>(info->info.num_guids),
+                    limit.c_str());
+    if (announcement == Announcement::kCreatedEvent) {
+        g_event_manager->AddReservationCreatedEvent(info->info.reservation_key);
+    }
+    forget.Done();
 }
 
-// Undoes the entering of a reservation that did not get through.
-void ReservationManager::ForgetNewReservation(ReservationInfo* info) noexcept {
-    const std::unique_ptr<ReservationInfo> owner(info);
-    for (const auto& [job_id, entry] : info->jobs) {
-        VeskJob* job = command_manager->FindJob(job_id, info->reservation_id, info->info.reservation_key);
-        if (job != nullptr) job->reservation_accounted = false;
+// Takes a reservation whose creation has failed out of the registry again, and frees it.
+void ReservationManager::ForgetNewReservation(ReservationInfo* info, const std::set<VeskJob*>& attached_jobs) noexcept {
+    const std::unique_ptr<ReservationInfo> holder(info);
+    for (VeskJob* job : attached_jobs) {
+        ApplyJobReservationResourcesChange(info, false, job);
+        job->reservation_accounted = false;
     }
-    UnregisterReservation(info, info);
+    const auto entry = FindEntry(info->info.reservation_key);
+    if (entry != reservations.end() && entry->second == info) reservations.erase(entry);
+    HcaCursor cursor(hca_infos);
+    for (const uint64_t guid : GuidsOf(info)) {
+        if (cursor.FindOwner(guid) == info) cursor.Erase(guid);
+    }
+}
+
+// The key's entry. Called where nothing may fail: without memory for a string, the key is looked for entry by entry.
+std::map<std::string, ReservationInfo*>::iterator ReservationManager::FindEntry(const char* key) noexcept try {
+    return reservations.find(key);
+} catch (const std::bad_alloc&) {
+    return std::find_if(reservations.begin(), reservations.end(),
+                        [key](const auto& entry) { return entry.first == key; });
 }
 
 void ReservationManager::PostUpdateReservation(ReservationInfo* info,
@@ -638,7 +409,7 @@ void ReservationManager::PostUpdateReservation(ReservationInfo* info,
                     other->info.reservation_key);
         InternalDeleteReservation(other);
     }
-    if (!info->owns_all_guids) AddReservationToDB(info);
+    AddReservationToDB(info);
 }
 
 // ---- Info ----
@@ -648,7 +419,6 @@ void ReservationManager::ReservationInfoRequest(const vesk_reservation_info_requ
     std::vector<vesk_reservation_info> entries;
     Reply reply(command_manager, ep, transaction_id, Reply::Failures::kNotCounted);
     const auto describe = [&request](vesk_reservation_info& entry, const vesk_reservation_info& info) {
-        vesk_copy_key(entry.reservation_key, info.reservation_key);
         entry.pkey = info.pkey;
         entry.state = info.state;
         if (request.with_details != 0) Describe(entry, info);
@@ -666,7 +436,7 @@ void ReservationManager::ReservationInfoRequest(const vesk_reservation_info_requ
             reply.list.status = VESK_STATUS_NOT_FOUND;
             return;
         }
-        reply.AddEntry();
+        reply.SetEntry(request.reservation_key);
         describe(reply.entry, info->info);
         return;
     }
@@ -676,7 +446,10 @@ void ReservationManager::ReservationInfoRequest(const vesk_reservation_info_requ
     }
     entries.resize(reservations.size());
     auto entry = entries.begin();
-    for (const auto& [key, info] : reservations) describe(*entry++, info->info);
+    for (const auto& [key, info] : reservations) {
+        vesk_copy_key(entry->reservation_key, info->info.reservation_key);
+        describe(*entry++, info->info);
+    }
     reply.list.num_reservations = entries.size();
     reply.list.reservations = entries.data();
 }
@@ -699,8 +472,9 @@ uint32_t ReservationManager::InternalUpdateReservation(ReservationInfo* info, co
                     request.reservation_key);
         return status;
     }
-    const GuidList removed_guids = Difference(info->info.guids, info->info.num_guids, request.guids, request.num_guids);
-    const GuidList added_guids = Difference(request.guids, request.num_guids, info->info.guids, info->info.num_guids);
+    const GuidSpan wanted_guids{request.guids, request.num_guids};
+    GuidList removed_guids = Difference(GuidsOf(info), wanted_guids);
+    GuidList added_guids = Difference(wanted_guids, GuidsOf(info));
     if (removed_guids.empty() && added_guids.empty()) {
         RESERVE_LOG(3,
                     "Got a reservation update request with same list of guids. There is nothing to update. Reservation "
@@ -708,36 +482,33 @@ uint32_t ReservationManager::InternalUpdateReservation(ReservationInfo* info, co
                     request.reservation_key);
         return VESK_STATUS_SUCCESS;
     }
-    const GuidList new_guids(request.guids, request.guids + request.num_guids);
+    GuidList new_guids(wanted_guids.begin(), wanted_guids.end());
     return PerformUpdateAfterDataPreparation(info, new_guids, added_guids, removed_guids);
 }
 
-uint32_t ReservationManager::PerformUpdateAfterDataPreparation(ReservationInfo* info, const GuidList& new_guids,
-                                                               const GuidList& added_guids,
-                                                               const GuidList& removed_guids) {
+uint32_t ReservationManager::PerformUpdateAfterDataPreparation(ReservationInfo* info, GuidList& new_guids,
+                                                               GuidList& added_guids, GuidList& removed_guids) {
+    // What can run out of memory comes first, while nothing has been changed.
+    HcaCursor::Index new_entries;
+    for (const uint64_t guid : added_guids) new_entries.emplace_hint(new_entries.end(), guid, ReservationHCAInfo{info});
+    std::unique_ptr<uint64_t[]> new_array(CopyGuids(new_guids));
+
     if (!removed_guids.empty()) {
         const uint32_t status = HandleRemovedGuidsAndActiveJobs(info, removed_guids);
         if (status != VESK_STATUS_SUCCESS) return status;
+        EraseEntries(hca_infos, removed_guids);
     }
-
-    // What can run out of memory comes first, so that it can be undone.
-    Rollback unindex([&] { UnindexGuids(added_guids.data(), added_guids.size(), info); });
-    const bool owned_all = info->owns_all_guids;
-    const bool owns_added = IndexGuids(info, added_guids.data(), added_guids.size());
-    info->UpdateReservationInfo(new_guids);
-    unindex.Done();
-    UnindexGuids(removed_guids.data(), removed_guids.size(), nullptr);
-    info->owns_all_guids = owned_all && owns_added;
-
+    HcaCursor(hca_infos).TakeAll(new_entries);
     RESERVE_LOG(3, "Update existing reservation, key=%s, new number of guids=%lu (Added: %lu, Deleted: %lu)",
                 info->info.reservation_key, new_guids.size(), added_guids.size(), removed_guids.size());
+    ReplaceGuids(info->info, std::move(new_array), new_guids.size());
     if (!g_option_info->reservation_auto_by_pkeys) {
         g_event_manager->AddReservationUpdatedEvent(info->info.reservation_key);
     }
     return VESK_STATUS_SUCCESS;
 }
 
-uint32_t ReservationManager::HandleRemovedGuidsAndActiveJobs(ReservationInfo* info, const GuidList& removed_guids) {
+uint32_t ReservationManager::HandleRemovedGuidsAndActiveJobs(ReservationInfo* info, GuidList& removed_guids) {
     const char* const key = info->info.reservation_key;
     for (auto next = info->jobs.begin(); next != info->jobs.end();) {
         auto position = next++;
@@ -773,9 +544,7 @@ void ReservationManager::UpdateReservationByDelta(const vesk_update_reservation_
                 key, static_cast<int>(request.num_guids_to_add), static_cast<int>(request.num_guids_to_remove));
 
     Reply reply(command_manager, ep, transaction_id, Reply::Failures::kCounted);
-    reply.AddEntry();
-    vesk_copy_key(reply.entry.reservation_key, key);
-
+    reply.SetEntry(key);
     if (!g_option_info->reservation_mode) {
         RESERVE_LOG(2, "Reservation mode not enabled");
         reply.list.status = VESK_STATUS_MODE_DISABLED;
@@ -799,10 +568,7 @@ uint32_t ReservationManager::InternalUpdateReservationByDelta(const vesk_update_
         4, "Got an internal reservation update request for app: %s, with num guids to add: %d, num guids to remove: %d",
         key, static_cast<int>(request.num_guids_to_add), static_cast<int>(request.num_guids_to_remove));
 
-    // A list without a pointer is an absent one, whatever its count says.
-    const uint32_t num_to_add = request.guids_to_add != nullptr ? request.num_guids_to_add : 0;
-    const uint32_t num_to_remove = request.guids_to_remove != nullptr ? request.num_guids_to_remove : 0;
-    if (num_to_add == 0 && num_to_remove == 0) {
+    if (request.num_guids_to_add == 0 && request.num_guids_to_remove == 0) {
         RESERVE_LOG(3, "Did not update reservation %s because both lists of added and removed guids are empty", key);
         return VESK_STATUS_INVALID_GUIDS;
     }
@@ -812,20 +578,17 @@ uint32_t ReservationManager::InternalUpdateReservationByDelta(const vesk_update_
         return VESK_STATUS_INVALID_KEY;
     }
     const uint32_t num_held = info->info.num_guids;
-    if (num_to_remove > num_held) {
+    if (request.num_guids_to_remove > num_held) {
         RESERVE_LOG(
             3,
             "Did not update reservation %s because number of removed guids (%d) is larger than current number of "
             "guids (%d)",
-            key, static_cast<int>(num_to_remove), static_cast<int>(num_held));
+            key, static_cast<int>(request.num_guids_to_remove), static_cast<int>(num_held));
         return VESK_STATUS_INVALID_GUIDS;
     }
-    SortGuids(request.guids_to_remove, num_to_remove);
-    SortGuids(request.guids_to_add, num_to_add);
-    const GuidList removed_guids(request.guids_to_remove, request.guids_to_remove + num_to_remove);
-    const GuidList added_guids(request.guids_to_add, request.guids_to_add + num_to_add);
-
-    const uint64_t* const common = SmallestCommonGuid(info->info, added_guids);
+    GuidList removed_guids = SortedCopy(request.guids_to_remove, request.num_guids_to_remove);
+    GuidList added_guids = SortedCopy(request.guids_to_add, request.num_guids_to_add);
+    const uint64_t* const common = SmallestCommonGuid(GuidsOf(info), added_guids);
     if (common != nullptr) {
         RESERVE_LOG(
             3,
@@ -834,7 +597,7 @@ uint32_t ReservationManager::InternalUpdateReservationByDelta(const vesk_update_
             key, *common);
         return VESK_STATUS_DUPLICATE_GUID;
     }
-    const GuidList kept_guids = Difference(info->info.guids, num_held, removed_guids.data(), removed_guids.size());
+    const GuidList kept_guids = Difference(GuidsOf(info), removed_guids);
     if (num_held - kept_guids.size() != removed_guids.size()) {
         RESERVE_LOG(3,
                     "Did not update reservation %s because list of removed guids is invalid (either has duplicates or "
@@ -842,10 +605,11 @@ uint32_t ReservationManager::InternalUpdateReservationByDelta(const vesk_update_
                     key);
         return VESK_STATUS_INVALID_GUIDS;
     }
-    const GuidList new_guids = Merged(kept_guids, added_guids);
+    GuidList new_guids = Union(kept_guids, added_guids);
 
     std::unordered_set<ReservationInfo*> affected;
-    uint32_t status = HandleAddedGuidsAndOtherReservations(key, num_to_add, request.guids_to_add, affected);
+    uint32_t status = HandleAddedGuidsAndOtherReservations(key, static_cast<uint32_t>(added_guids.size()),
+                                                           added_guids.data(), affected);
     if (status != VESK_STATUS_SUCCESS) return status;
     status = PerformUpdateAfterDataPreparation(info, new_guids, added_guids, removed_guids);
     if (status != VESK_STATUS_SUCCESS) return status;
@@ -868,8 +632,7 @@ void ReservationManager::DeleteReservation(const vesk_delete_reservation& reques
         RESERVE_LOG(3, "Reservation auto by pkeys is enabled, ignore delete reservation request %s", key);
         return;
     }
-    reply.AddEntry();
-    vesk_copy_key(reply.entry.reservation_key, key);
+    reply.SetEntry(key);
     ReservationInfo* const info = GetReservationInfoByKey(key);
     if (info == nullptr) {
         reply.list.status = VESK_STATUS_NOT_FOUND;
@@ -890,20 +653,14 @@ void ReservationManager::DeleteReservation(const vesk_delete_reservation& reques
 
 void ReservationManager::InternalDeleteReservation(ReservationInfo* info) {
     RemoveReservationJobs(info);
-    const std::unique_ptr<ReservationInfo> owner(info);
-    UnregisterReservation(info, nullptr);
+    const std::unique_ptr<ReservationInfo> holder(info);
+    reservation_keys_by_id.erase(info->reservation_id);
+    const auto entry = FindEntry(info->info.reservation_key);
+    if (entry != reservations.end()) reservations.erase(entry);
+    EraseEntries(hca_infos, GuidsOf(info));
     DeleteReservationInfoFile(info->info, g_option_info->persistent_dir);
     RESERVE_LOG(3, "Reservation with key=%s, id=%lu deleted", info->info.reservation_key, info->reservation_id);
     g_event_manager->AddReservationRemovedEvent(info->info.reservation_key);
-}
-
-// Takes the reservation out of the three indexes. Its GUIDs go, all of them or only those that `guid_owner` has.
-void ReservationManager::UnregisterReservation(const ReservationInfo* info,
-                                               const ReservationInfo* guid_owner) noexcept {
-    reservation_keys_by_id.erase(info->reservation_id);
-    const auto found = reservations.find(info->info.reservation_key);
-    if (found != reservations.end()) reservations.erase(found);
-    UnindexGuids(info->info.guids, info->info.num_guids, guid_owner);
 }
 
 void ReservationManager::RemoveReservationJobs(ReservationInfo* info) {
@@ -932,29 +689,28 @@ ReservationInfo* ReservationManager::GetReservationByJob(const VeskJob* job) {
                     NameOf(job).c_str());
         return nullptr;
     }
-    HcaWalk walk(hca_infos);
-    const ReservationHCAInfo* const reference = walk.Find(reference_port->guid);
-    if (reference == nullptr) {
+    HcaCursor cursor(hca_infos);
+    ReservationInfo* const reservation = cursor.FindOwner(reference_port->guid);
+    if (reservation == nullptr) {
         RESERVE_LOG(3, "Could not get reservation for external_job_id=%s, guid=0x%lx not in any reservation",
                     NameOf(job).c_str(), reference_port->guid);
         return nullptr;
     }
-    ReservationInfo* const reservation = reference->reservation;
     for (const VeskTree& tree : FirstPlaneTrees(job)) {
         for (const PortData* port : tree.ports) {
-            const ReservationHCAInfo* const hca = walk.Find(port->guid);
-            if (hca == nullptr) {
+            const ReservationInfo* const owner = cursor.FindOwner(port->guid);
+            if (owner == nullptr) {
                 RESERVE_LOG(3,
                             "Could not get reservation for external_job_id=%s, guid=0x%lx not found in reservation=%s",
                             NameOf(job).c_str(), port->guid, reservation->info.reservation_key);
                 return nullptr;
             }
-            if (!HaveSameKey(hca->reservation, reservation)) {
+            if (!HaveSameKey(owner, reservation)) {
                 RESERVE_LOG(3,
                             "Could not get reservation for external_job_id=%s, job guids in different reservations, "
                             "guid=0x%lx in reservation_key=%s, guid=0x%lx in reservation_key=%s",
                             NameOf(job).c_str(), reference_port->guid, reservation->info.reservation_key, port->guid,
-                            hca->reservation->info.reservation_key);
+                            owner->info.reservation_key);
                 return nullptr;
             }
         }
@@ -962,7 +718,7 @@ ReservationInfo* ReservationManager::GetReservationByJob(const VeskJob* job) {
     return reservation;
 }
 
-int ReservationManager::ValidateReservationResources(ReservationInfo* reservation, const JobResource& resource,
+int ReservationManager::ValidateReservationResources(ReservationInfo* reservation, JobResource& resource,
                                                      const VeskJob* job) {
     constexpr char kOperation[] = "ValidateReservationResources";
     const unsigned planes = NumPlanes(job);
@@ -980,9 +736,9 @@ int ReservationManager::ValidateReservationResources(ReservationInfo* reservatio
     const uint16_t max_jobs = g_option_info->max_jobs_per_hca;
     if (max_jobs == 0) return 0;
 
-    HcaWalk walk(hca_infos);
+    HcaCursor cursor(hca_infos);
     const auto has_room = [&](const PortData* port) {
-        const ReservationHCAInfo* const hca = walk.Find(port->guid);
+        const ReservationHCAInfo* const hca = cursor.Find(port->guid);
         if (hca == nullptr) {
             RESERVE_LOG_FOR(kOperation, 1, "-A- Job port guid not found in reservation info, guid: 0x%016lx",
                             port->guid);
@@ -1044,9 +800,9 @@ void ReservationManager::ApplyJobReservationResourcesChange(ReservationInfo* res
                 static_cast<int>(num_trees), reservation->used_trees, planes);
     if (g_option_info->max_jobs_per_hca == 0) return;
 
-    HcaWalk walk(hca_infos);
+    HcaCursor cursor(hca_infos);
     const auto count = [&](const PortData* port) {
-        ReservationHCAInfo* const hca = walk.Find(port->guid);
+        ReservationHCAInfo* const hca = cursor.Find(port->guid);
         if (hca == nullptr) {
             RESERVE_LOG_FOR(kOperation, 1, "-A- Job port guid not found in reservation info, guid: 0x%016lx",
                             port->guid);
@@ -1061,24 +817,36 @@ void ReservationManager::ApplyJobReservationResourcesChange(ReservationInfo* res
 }
 
 void ReservationManager::HandleAlreadyRunningJobs(ReservationInfo* reservation) {
+    std::set<VeskJob*> attached_jobs;
+    AttachRunningJobs(reservation, attached_jobs);
+}
+
+// HandleAlreadyRunningJobs, which also tells the jobs that it has counted, as far as it got.
+void ReservationManager::AttachRunningJobs(ReservationInfo* reservation, std::set<VeskJob*>& attached_jobs) {
+    constexpr char kOperation[] = "HandleAlreadyRunningJobs";
     const char* const key = reservation->info.reservation_key;
     std::set<VeskJob*> jobs;
     command_manager->GetJobsByReservationKey(jobs, key);
-    for (VeskJob* job : jobs) {
+    for (auto next = jobs.begin(); next != jobs.end();) {
+        const auto position = next++;
+        VeskJob* const job = *position;
         if (GetReservationByJob(job) != reservation) {
-            RESERVE_LOG(2, "Detected a mismatch of reservations for external_job_id %s. Ending the job.",
-                        NameOf(job).c_str());
+            RESERVE_LOG_FOR(kOperation, 2,
+                            "Detected a mismatch of reservations for external_job_id %s. Ending the job.",
+                            NameOf(job).c_str());
             EndJob(job);
             continue;
         }
-        RESERVE_LOG(3, "Job external job ID %s belongs to new reservation: %s", NameOf(job).c_str(), key);
+        RESERVE_LOG_FOR(kOperation, 3, "Job external job ID %s belongs to new reservation: %s", NameOf(job).c_str(),
+                        key);
         AddJob(reservation, job);
+        attached_jobs.insert(jobs.extract(position));
 
         const VeskExtJobId& id = job->ext_job_id;
         if (reservation->reservation_id == 0) SetReservationId(*reservation, id.reservation_id);
         if (reservation->reservation_id != id.reservation_id) {
-            RESERVE_LOG(
-                2,
+            RESERVE_LOG_FOR(
+                kOperation, 2,
                 "Reservation internal ID and job's reservation ID doesn't match. Reservation: key %s, ID %lu. Job: "
                 "External job ID %lu, reservation key %s, reservation ID %lu",
                 key, reservation->reservation_id, id.job_id, id.reservation_key.c_str(), id.reservation_id);
@@ -1107,7 +875,7 @@ void ReservationManager::CreateReservationInfoFile(const vesk_reservation_info& 
     // Unbuffered, so that the check after the write sees a full disk.
     std::ofstream file;
     file.rdbuf()->pubsetbuf(nullptr, 0);
-    Open(file, path, std::ios_base::out | std::ios_base::trunc);
+    OpenUnlessPipe(file, path, std::ios_base::out | std::ios_base::trunc);
     if (!file.good()) {
         RESERVE_LOG(2, "File %s could not be opened\n", path.c_str());
         return;
@@ -1117,7 +885,7 @@ void ReservationManager::CreateReservationInfoFile(const vesk_reservation_info& 
     char* buffer = nullptr;
     uint64_t length = 0;
     const int result = dov_msg_pack(0, VESK_MSG_TYPE_RESERVATION_INFO, 0, &msg, &buffer, &length);
-    const std::unique_ptr<char, decltype(&std::free)> owner(buffer, &std::free);
+    const std::unique_ptr<char, decltype(&std::free)> holder(buffer, &std::free);
     if (result != 0 || buffer == nullptr) {
         RESERVE_LOG(1, "Create reservation info file failed %s\n", path.c_str());
         return;
@@ -1147,7 +915,7 @@ void ReservationManager::DeleteFile(const std::string& path) const {
 
 int ReservationManager::BuildDataFromReservationFile(const char* path, vesk_dov_msg*& msg) const {
     std::ifstream file;
-    Open(file, path, std::ios_base::in | std::ios_base::ate);
+    OpenUnlessPipe(file, path, std::ios_base::in | std::ios_base::ate);
     if (file.fail()) {
         RESERVE_LOG(1, "Reservation file %s could not be opened - %s\n", path, strerror(errno));
         return -1;
@@ -1157,27 +925,29 @@ int ReservationManager::BuildDataFromReservationFile(const char* path, vesk_dov_
         RESERVE_LOG(1, "Size of reservation file is too low[%lu], file: %s\n", size, path);
         return -1;
     }
+    // A directory may report any size.
+    const bool is_too_large = size > kMaxReservationFileSize;
     std::unique_ptr<char[]> buffer;
     try {
         file.seekg(0);
         file.exceptions(std::ios_base::failbit | std::ios_base::badbit);
-        // A directory may report any size.
-        if (size > kMaxReservationFileSize) file.setstate(std::ios_base::failbit);
-        buffer = std::make_unique_for_overwrite<char[]>(size + 1);
+        if (!is_too_large) buffer = std::make_unique_for_overwrite<char[]>(size + 1);
         RESERVE_LOG(3, "parsing reservation file %s\n", path);
+        if (is_too_large) file.setstate(std::ios_base::failbit);
         file.read(buffer.get(), static_cast<std::streamsize>(size));
         file.close();
     } catch (const std::ios_base::failure& failure) {
         RESERVE_LOG(1, "Failed to read Reservation file %s - %s\n", path, failure.what());
         return -1;
     }
-    // A NUL ends the text for the decoder, and none occurs in what was packed: the first one must be the buffer's own.
     buffer[size] = '\0';
-    const bool has_nul = std::strlen(buffer.get()) != size;
-    if (has_nul || dov_msg_unpack(0, VESK_MSG_TYPE_RESERVATION_INFO, buffer.get(), &msg) != 0 || msg == nullptr) {
+    const int result = dov_msg_unpack(0, VESK_MSG_TYPE_RESERVATION_INFO, buffer.get(), &msg);
+    MessagePointer decoded(result == 0 ? msg : nullptr);
+    if (decoded == nullptr || !dov_msg_fills(VESK_MSG_TYPE_RESERVATION_INFO, buffer.get(), size)) {
         RESERVE_LOG(1, "Reservation file UNPACK failed: %s\n", path);
         return -1;
     }
+    msg = decoded.release();
     return 0;
 }
 
@@ -1200,13 +970,14 @@ void ReservationManager::ReadPersistentReservationInfoFiles() {
     });
 }
 
-void ReservationManager::LoadReservationFile(const std::string& path, const char* operation) {
+// Without the memory for it, the file is neither loaded nor deleted: that says nothing about the file.
+void ReservationManager::LoadReservationFile(const std::string& path, const char* operation) try {
     vesk_dov_msg* msg = nullptr;
     if (BuildDataFromReservationFile(path.c_str(), msg) != 0) {
         DeleteFile(path);
         return;
     }
-    const std::unique_ptr<vesk_dov_msg, MessageReleaser> owner(msg);
+    const MessagePointer holder(msg);
     if (msg->data == nullptr) {
         RESERVE_LOG_FOR(operation, 2, "No data in reservation file %s", path.c_str());
         DeleteFile(path);
@@ -1219,6 +990,8 @@ void ReservationManager::LoadReservationFile(const std::string& path, const char
         return;
     }
     InternalCreateNewReservation(new ReservationInfo(info));
+} catch (const std::bad_alloc&) {
+    RESERVE_LOG_FOR(operation, 1, "Not enough memory to load reservation file %s", path.c_str());
 }
 
 void ReservationManager::DeleteAllPersistentReservationFiles() const {

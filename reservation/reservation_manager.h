@@ -38,7 +38,7 @@ struct ReservationJobInfo {
     std::unordered_set<uint64_t> guids;    // of the HCAs that the job's trees span, each once
 
     // Whether at least one of `guids` is among the job's. False when there are none.
-    bool CheckAtLeastOneGuidInJob(const std::vector<uint64_t>& guids) const;
+    bool CheckAtLeastOneGuidInJob(std::vector<uint64_t>& guids);
 };
 
 // One reservation. A plain record: the manager changes the fields, and anybody may read them.
@@ -48,7 +48,6 @@ struct ReservationInfo {
     uint64_t reservation_id = 0;    // 0: none yet
     uint32_t max_trees = 0;    // trees that the jobs may use together, per plane
     uint32_t used_trees = 0;    // trees that they use, over all planes
-    bool owns_all_guids = false;    // whether it is known to own all GUIDs of its list, and that to be ascending
 
     // An empty reservation, for SetReservationInfo to fill.
     ReservationInfo() = default;
@@ -67,7 +66,7 @@ struct ReservationInfo {
     void UpdateReservationInfo(const std::vector<uint64_t>& guids);
 
     // VESK_STATUS_LIMITS_MISMATCH when a limit that the request gives differs from the reservation's, else 0.
-    uint32_t CheckModifiedResources(const vesk_create_reservation& request) const;
+    uint32_t CheckModifiedResources(const vesk_create_reservation& request);
 
     // Sets max_trees: the reservation's own number of trees, at most RESERVATION_NO_TREES_LIMIT; when it gives none,
     // the option reservation_default_num_trees as it stands.
@@ -76,7 +75,8 @@ struct ReservationInfo {
 
 // One reserved HCA.
 struct ReservationHCAInfo {
-    ReservationInfo* reservation;    // the one owner; not null
+    ReservationInfo* reservation =
+        nullptr;    // the one owner; not owned. Null: an entry of nobody, as if there were none
     uint16_t num_jobs = 0;    // running jobs on the HCA, one for each port; kept only while max_jobs_per_hca is set
 };
 
@@ -88,7 +88,7 @@ public:
     // The registry: every reservation by its key (owning), every reserved GUID, and every id in use with the key of the
     // reservation that got it first. A GUID has at most one owner, and an owner always lists it. A reservation may list
     // a GUID that it does not own: when two loaded files share it, the one loaded first owns it.
-    std::map<std::string, ReservationInfo*, std::less<>> reservations;
+    std::map<std::string, ReservationInfo*> reservations;
     std::map<uint64_t, ReservationHCAInfo> hca_infos;
     std::unordered_map<uint64_t, std::string> reservation_keys_by_id;
 
@@ -97,7 +97,7 @@ public:
     ReservationManager& operator=(const ReservationManager&) = delete;
 
     // Frees the reservations. It sends no events, ends no jobs and leaves the files.
-    ~ReservationManager();
+    virtual ~ReservationManager();
 
     // ---- Registry ----
 
@@ -110,7 +110,7 @@ public:
 
     // The one reservation that owns all of these `count` GUIDs, in any order and repeated or not; null when there is
     // none, or no GUID.
-    ReservationInfo* GetReservationByGuids(const uint64_t* guids, uint32_t count);
+    ReservationInfo* GetReservationByGuids(uint64_t* guids, uint32_t count);
 
     // Gives the reservation an id, unless it has one: its key's hash, or the next free number.
     void CreateReservationId(ReservationInfo& info);
@@ -148,8 +148,7 @@ public:
 
     // Whether the reservation with this key may hold these ascending GUIDs: 0, 2, 6 or 8. Puts the other reservations
     // that would lose GUIDs into `affected`; changes nothing else.
-    uint32_t HandleAddedGuidsAndOtherReservations(const char* reservation_key, uint32_t num_guids,
-                                                  const uint64_t* guids,
+    uint32_t HandleAddedGuidsAndOtherReservations(const char* reservation_key, uint32_t num_guids, uint64_t* guids,
                                                   std::unordered_set<ReservationInfo*>& affected);
 
     // Enters a reservation whose key is not in the registry yet: trees limit, indexes, running jobs, id. Takes
@@ -168,12 +167,12 @@ public:
     // Gives the reservation `new_guids` as its list: 0 or 14. All three lists are ascending; the added GUIDs are those
     // that are new in it, the removed ones those that are not in it any more. Ends the jobs that lose HCAs, or
     // answers 14.
-    uint32_t PerformUpdateAfterDataPreparation(ReservationInfo* info, const std::vector<uint64_t>& new_guids,
-                                               const std::vector<uint64_t>& added_guids,
-                                               const std::vector<uint64_t>& removed_guids);
+    uint32_t PerformUpdateAfterDataPreparation(ReservationInfo* info, std::vector<uint64_t>& new_guids,
+                                               std::vector<uint64_t>& added_guids,
+                                               std::vector<uint64_t>& removed_guids);
 
     // Ends the jobs that use one of these GUIDs, where the option allows it: 0, or 14 with nothing changed.
-    uint32_t HandleRemovedGuidsAndActiveJobs(ReservationInfo* info, const std::vector<uint64_t>& removed_guids);
+    uint32_t HandleRemovedGuidsAndActiveJobs(ReservationInfo* info, std::vector<uint64_t>& removed_guids);
 
     // Takes a registered reservation out, with its jobs and its file, and frees it.
     void InternalDeleteReservation(ReservationInfo* info);
@@ -189,7 +188,7 @@ public:
 
     // Whether the job may be added to its reservation: 0, or VESK_ADMISSION_REFUSED when it would exceed the trees
     // limit (once for each plane) or a port's HCA has its fill of jobs.
-    int ValidateReservationResources(ReservationInfo* reservation, const JobResource& resource, const VeskJob* job);
+    int ValidateReservationResources(ReservationInfo* reservation, JobResource& resource, const VeskJob* job);
 
     // Counts the job in its reservation and sets its reservation_accounted. Nothing is validated. A job that is there
     // already is counted again, so every AddJob needs one RemoveJob.
@@ -215,10 +214,13 @@ public:
     // The file of a reservation is "DIR/reservation.KEY", the key taken verbatim, and holds its packed description (see
     // dov_msg_pack). Writing truncates it first: a crash in the middle leaves a damaged file. Only reading reports
     // failures; the others are logged.
+    //
+    // All that the manager would store or remove goes through the first three. A host that keeps reservations elsewhere
+    // overrides them; `dir` is persistent_dir, and `info` lives until the call returns.
 
-    void CreateReservationInfoFile(const vesk_reservation_info& info, const std::string& dir);
-    void UpdateReservationInfoFile(const vesk_reservation_info& info, const std::string& dir);
-    void DeleteReservationInfoFile(const vesk_reservation_info& info, const std::string& dir);
+    virtual void CreateReservationInfoFile(const vesk_reservation_info& info, const std::string& dir);
+    virtual void UpdateReservationInfoFile(const vesk_reservation_info& info, const std::string& dir);
+    virtual void DeleteReservationInfoFile(const vesk_reservation_info& info, const std::string& dir);
 
     // Deletes the file if it can be opened for reading.
     void DeleteFile(const std::string& path) const;
@@ -252,10 +254,12 @@ public:
     void RemoveGuidFromReservation(ReservationInfo* reservation, uint64_t guid);
 
 private:
-    bool IndexGuids(ReservationInfo* info, const uint64_t* guids, size_t count);
-    void UnindexGuids(const uint64_t* guids, size_t count, const ReservationInfo* owner);
-    void UnregisterReservation(const ReservationInfo* info, const ReservationInfo* guid_owner) noexcept;
-    void ForgetNewReservation(ReservationInfo* info) noexcept;
+    enum class Announcement { kNone, kCreatedEvent };
+
+    void EnterNewReservation(ReservationInfo* info, Announcement announcement);
+    void ForgetNewReservation(ReservationInfo* info, const std::set<VeskJob*>& attached_jobs) noexcept;
+    std::map<std::string, ReservationInfo*>::iterator FindEntry(const char* key) noexcept;
+    void AttachRunningJobs(ReservationInfo* reservation, std::set<VeskJob*>& attached_jobs);
     uint32_t CreateOrReplace(const vesk_create_reservation& request, ReservationInfo*& info);
     uint32_t CheckOwnerOfAddedGuid(const char* reservation_key, uint64_t guid, const ReservationInfo* owner,
                                    std::unordered_set<ReservationInfo*>& affected);

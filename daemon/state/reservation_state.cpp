@@ -323,7 +323,7 @@ v1::BeginJobReply::Result ReservationState::Admit(std::unique_ptr<Job> job, v1::
     description.set_reservation_id(reservation->reservation_id);
     vesk_job->ext_job_id = {description.job_id(), description.reservation_id(), description.reservation_key()};
 
-    const JobResource resource{static_cast<uint16_t>(description.planes() * description.trees())};
+    JobResource resource{static_cast<uint16_t>(description.planes() * description.trees())};
     if (manager_.ValidateReservationResources(reservation, resource, vesk_job) != 0) {
         reply->set_reason(last_record_);
         return v1::BeginJobReply::RESULT_LIMIT_EXCEEDED;

@@ -67,7 +67,8 @@ int main() {
 
     ReservationInfo* const reservation = manager.GetReservationByJob(&job);
     if (reservation == nullptr) return 1;
-    if (manager.ValidateReservationResources(reservation, JobResource{.requested_trees = 1}, &job) != 0) return 1;
+    JobResource resource{.requested_trees = 1};
+    if (manager.ValidateReservationResources(reservation, resource, &job) != 0) return 1;
     job.ext_job_id.reservation_key = reservation->info.reservation_key;
     job.ext_job_id.reservation_id = reservation->reservation_id;
     daemon.jobs[42] = &job;

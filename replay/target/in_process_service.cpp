@@ -118,7 +118,7 @@ JobVerdict InProcessService::BeginJob(const JobRequest& request) {
     if (reservation == nullptr || request.reservation_key != reservation->info.reservation_key) {
         return {.status = VESK_STATUS_NOT_FOUND};
     }
-    const JobResource resource{.requested_trees = static_cast<uint16_t>(request.planes * request.trees)};
+    JobResource resource{.requested_trees = static_cast<uint16_t>(request.planes * request.trees)};
     if (manager_.ValidateReservationResources(reservation, resource, job.get()) != 0)
         return {.status = kLimitsExceeded};
 

@@ -90,7 +90,8 @@ private:
         VeskJob& job = daemon_.Run(++num_jobs_, input_.Key(), input_.SomeGuids(), planes, trees);
         ReservationInfo* const info = daemon_.manager->GetReservationByJob(&job);
         if (info == nullptr) return;
-        daemon_.manager->ValidateReservationResources(info, {input_.Byte()}, &job);
+        JobResource resource{input_.Byte()};
+        daemon_.manager->ValidateReservationResources(info, resource, &job);
         daemon_.manager->AddJob(info, &job);
     }
 

@@ -38,7 +38,8 @@ TEST(Job, IsAdmittedWhileTreesAndHcasLast) {
     reservation->used_trees = 4;
     daemon.Take();
     const auto validate = [&](uint16_t num_trees, const VeskJob& candidate) {
-        return daemon.manager->ValidateReservationResources(reservation, JobResource{num_trees}, &candidate);
+        JobResource resource{num_trees};
+        return daemon.manager->ValidateReservationResources(reservation, resource, &candidate);
     };
     EXPECT_EQ(validate(16, job), 0);
     EXPECT_EQ(validate(17, job), 11);

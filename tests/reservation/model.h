@@ -132,7 +132,7 @@ public:
 
     void Delta(const Operation& operation) {
         Guids to_add = operation.guids, to_remove = operation.more, none;
-        if (operation.variant == 1) return See("status " + std::to_string(ApplyDelta(operation.key, none, none)));
+        if (operation.variant == 1) return See("status " + std::to_string(ApplyDelta(operation.key, none, none, 2, 2)));
         Log(4);
         const bool is_ignored = !options_.reservation_mode || IsAuto();
         const uint32_t status = is_ignored ? Ignored() : ApplyDelta(operation.key, to_add, to_remove);
@@ -349,11 +349,16 @@ private:
     }
 
     uint32_t ApplyDelta(const std::string& key, Guids& to_add, Guids& to_remove) {
+        return ApplyDelta(key, to_add, to_remove, to_add.size(), to_remove.size());
+    }
+    // A list can be counted and not be there.
+    uint32_t ApplyDelta(const std::string& key, Guids& to_add, Guids& to_remove, size_t num_to_add,
+                        size_t num_to_remove) {
         Log(4);
-        if (to_add.empty() && to_remove.empty()) return Answer(8, 3);
+        if (num_to_add == 0 && num_to_remove == 0) return Answer(8, 3);
         if (!reservations.contains(key)) return Answer(7, 3);
         const Guids held = reservations[key].guids;
-        if (to_remove.size() > held.size()) return Answer(8, 3);
+        if (num_to_remove > held.size()) return Answer(8, 3);
         std::sort(to_remove.begin(), to_remove.end());
         std::sort(to_add.begin(), to_add.end());
         if (Without(to_add, held) != to_add) return Answer(2, 3);

@@ -58,7 +58,7 @@ public:
         if (operation.planes > 0 && operation.trees > 1) job.plane_trees[0][1] = second;
         if ((operation.variant & 1) == 0) return;
         ReservationInfo* const found = manager->GetReservationByJob(&job);
-        const JobResource resource{static_cast<uint16_t>((operation.planes % 256) * (operation.trees % 256))};
+        JobResource resource{static_cast<uint16_t>((operation.planes % 256) * (operation.trees % 256))};
         const bool is_valid = found != nullptr && manager->ValidateReservationResources(found, resource, &job) == 0;
         if (is_valid) manager->AddJob(found, &job);
         note = NameOf(found) + (is_valid ? ", valid" : "");
@@ -77,8 +77,8 @@ public:
     }
     void Reconcile(const Operation&) { manager->HandleAlreadyRunningJobsForAllReservations(); }
     void Find(const Operation& operation) {
-        const auto count = static_cast<uint32_t>(operation.guids.size());
-        note = NameOf(manager->GetReservationByGuids(operation.guids.data(), count));
+        Guids guids = operation.guids;
+        note = NameOf(manager->GetReservationByGuids(guids.data(), static_cast<uint32_t>(guids.size())));
     }
 
     void PutFile(const Operation& operation) {

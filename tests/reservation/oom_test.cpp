@@ -5,9 +5,12 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <new>
 #include <set>
+#include <string>
+#include <utility>
 
 #include "host/dov_msg.h"
 #include "host/log.h"
@@ -17,6 +20,8 @@
 namespace {
 
 enum class Shortage { kNone, kOnce, kLasting };
+
+constexpr size_t kMostAtOnce = size_t{16} << 30;    // bytes; a sanitizer would reserve any size
 
 Shortage g_shortage = Shortage::kNone;
 size_t g_allocations_before_it = 0;
@@ -39,7 +44,7 @@ bool IsShort() {
 
 // Not inlined: a compiler that sees into only one of a pair takes it for a mismatch.
 [[gnu::noinline]] void* operator new(size_t size) {
-    void* const memory = IsShort() ? nullptr : std::malloc(std::max<size_t>(size, 1));
+    void* const memory = IsShort() || size > kMostAtOnce ? nullptr : std::malloc(std::max<size_t>(size, 1));
     if (memory == nullptr) throw std::bad_alloc();
     ++g_num_live;
     return memory;
@@ -228,6 +233,29 @@ TEST(OutOfMemory, File) {
         EXPECT_EQ(g_num_live, num_live);
         byte = static_cast<char>(byte ^ 1);
     }
+}
+
+// A file that no memory holds says nothing about itself, and nothing about the others; one that is larger than any
+// reservation is damaged.
+TEST(OutOfMemory, FilesBeyondAllSizes) {
+    TestDaemon daemon;
+    daemon.Create("K", {1});
+    daemon.Take();
+    for (const auto& [key, size] : {std::pair{"huge", uint64_t{100} << 30}, {"beyond", (uint64_t{1} << 37) + 1}}) {
+        Write(daemon.PathOf(key), "");
+        std::filesystem::resize_file(daemon.PathOf(key), size);
+    }
+    daemon.Restart();
+    daemon.manager->ReadPersistentReservationInfoFiles();
+    EXPECT_EQ(daemon.FileNames(), " K huge");
+    EXPECT_TRUE(daemon.manager->reservations.contains("K"));
+    const std::string seen = daemon.Take();
+    EXPECT_NE(seen.find("3 BuildDataFromReservationFile: parsing reservation file DIR/reservation.beyond"), seen.npos);
+    EXPECT_NE(seen.find("1 BuildDataFromReservationFile: Failed to read Reservation file DIR/reservation.beyond"),
+              seen.npos);
+    EXPECT_NE(seen.find("1 ReadPersistentReservationInfoFiles: Not enough memory to load reservation file "
+                        "DIR/reservation.huge"),
+              seen.npos);
 }
 
 }    // namespace

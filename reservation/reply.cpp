@@ -1,0 +1,25 @@
+#include "reservation/reply.h"
+
+#include "host/fabric.h"
+
+namespace reservation_internal {
+
+void Reply::SetEntry(const char* reservation_key) {
+    vesk_copy_key(entry.reservation_key, reservation_key);
+    list.num_reservations = 1;
+    list.reservations = &entry;
+}
+
+void Reply::Send() noexcept {
+    if (is_sent_) return;
+    is_sent_ = true;
+    // The sender may change the list.
+    const uint32_t status = list.status;
+    try {
+        command_manager_->SendReservationInfoList(ep_, list, transaction_id_);
+    } catch (...) {
+    }
+    if (failures_ == Failures::kCounted && status != VESK_STATUS_SUCCESS) ++g_fabric->failed_reservation_requests;
+}
+
+}    // namespace reservation_internal

@@ -10,12 +10,10 @@
 #include "ctl/apply_plan.h"
 #include "ctl/declaration.h"
 #include "ctl/describe.h"
-#include "ctl/file.h"
 #include "ctl/refusal.h"
+#include "util/file.h"
 
 namespace reservationctl {
-
-namespace v1 = reservation::v1;
 
 namespace {
 
@@ -24,6 +22,18 @@ struct PlannedStep {
     v1::Consequences cost;    // to others, as the daemon foresees it
     std::string refusal;    // as the daemon foresees it; else empty
 };
+
+// The content of the file, or of standard input for -.
+std::string ReadInput(const std::string& path) {
+    if (path == "-") {
+        std::ostringstream content;
+        content << std::cin.rdbuf();
+        return content.str();
+    }
+    absl::StatusOr<std::string> content = util::ReadWholeFile(path);
+    if (!content.ok()) throw UsageError(std::string(content.status().message()));
+    return *std::move(content);
+}
 
 // ---- Plan ----
 
@@ -35,18 +45,18 @@ std::string InWords(const PlannedStep& planned, size_t number) {
     return text;
 }
 
-v1::ReservationReply Send(Client& client, const Step& step, bool is_dry_run) {
+v1::ReservationReply Send(const Client& client, const Step& step, bool is_dry_run) {
     return std::visit(
         [&](auto request) {
             request.set_dry_run(is_dry_run);
-            return client.Call(request);
+            return Call(client, request);
         },
         step.request);
 }
 
 // A step that waits for others is sent, too: one that the daemon finds malformed must end the plan before it begins.
 // What else the daemon foresees of it will not be so.
-PlannedStep Foresee(Client& client, Step step) {
+PlannedStep Foresee(const Client& client, Step step) {
     const v1::ReservationReply reply = Send(client, step, true);
     if (step.waits) return {std::move(step), {}, ""};
     if (IsCarriedOut(reply)) return {std::move(step), reply.consequences(), ""};
@@ -87,7 +97,7 @@ bool HasMore(const List& list, const List& other) {
 }
 
 // Looks once more before it acts: reservations and jobs come and go while people read plans.
-bool CarryOut(Client& client, const PlannedStep& planned) {
+bool CarryOut(const Client& client, const PlannedStep& planned) {
     const v1::ReservationReply foreseen = Send(client, planned.step, true);
     const v1::Consequences& cost = foreseen.consequences();
     if (IsCarriedOut(foreseen) && (HasMore(cost.deleted_reservation_keys(), planned.cost.deleted_reservation_keys()) ||
@@ -105,7 +115,7 @@ bool CarryOut(Client& client, const PlannedStep& planned) {
     return true;
 }
 
-ExitStatus CarryOut(Client& client, const std::vector<PlannedStep>& plan) {
+ExitStatus CarryOut(const Client& client, const std::vector<PlannedStep>& plan) {
     for (size_t i = 0; i < plan.size(); ++i) {
         if (CarryOut(client, plan[i])) continue;
         std::cerr << i << " of " << Count(plan.size(), "step") << " done; run this again to go on from here\n";
@@ -116,16 +126,16 @@ ExitStatus CarryOut(Client& client, const std::vector<PlannedStep>& plan) {
 
 }    // namespace
 
-ExitStatus Apply(Client& client, const ApplySettings& settings) {
+ExitStatus Apply(const Client& client, const ApplySettings& settings) {
     const bool is_standard_input = settings.path == "-";
     if (is_standard_input && !settings.is_agreed && !settings.is_dry_run) {
         throw UsageError("standard input is the file and cannot answer a question, too: give --yes or --dry-run");
     }
     const Reservations wanted =
-        ParseDeclaration(ReadFile(settings.path), is_standard_input ? "standard input" : settings.path);
+        ParseDeclaration(ReadInput(settings.path), is_standard_input ? "standard input" : settings.path);
     v1::GetReservationsRequest request;
     request.set_with_details(true);
-    const v1::ReservationReply existing = client.Call(request);
+    const v1::ReservationReply existing = Call(client, request);
     if (existing.status() != v1::STATUS_SUCCESS) {
         std::cerr << "refused: " << DescribeRefusal(existing);
         return ExitStatus::kRefused;

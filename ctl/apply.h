@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "ctl/client.h"
+#include "ctl/call.h"
 #include "ctl/errors.h"
 
 namespace reservationctl {
@@ -18,6 +18,6 @@ struct ApplySettings {
 // Prints the plan and what each step costs, asks, and carries the plan out. kRefused when a step was or would be
 // refused, when the answer is no, and when a step has come to cost more than the plan told; then no later step is
 // carried out. Throws what Client throws, and UsageError for a file that cannot be used.
-ExitStatus Apply(Client& client, const ApplySettings& settings);
+ExitStatus Apply(const Client& client, const ApplySettings& settings);
 
 }    // namespace reservationctl

@@ -10,7 +10,7 @@
 
 #include "ctl/describe.h"
 #include "ctl/guid_list.h"
-#include "ctl/text.h"
+#include "util/text.h"
 
 namespace reservationctl {
 
@@ -151,12 +151,12 @@ std::string DescribeGuids(const google::protobuf::RepeatedField<uint64_t>& guids
 }
 
 std::string DescribeRequest(const v1::CreateReservationRequest& request) {
-    return "create " + Printable(request.key()) + ": pkey " + FormatHex(request.pkey()) + ", limits " +
+    return "create " + util::Printable(request.key()) + ": pkey " + FormatHex(request.pkey()) + ", limits " +
            DescribeLimits(request.limits()) + ", " + DescribeGuids(request.guids());
 }
 
 std::string DescribeRequest(const v1::UpdateReservationRequest& request) {
-    std::string text = "change " + Printable(request.key()) + ":";
+    std::string text = "change " + util::Printable(request.key()) + ":";
     if (!request.remove_guids().empty()) text += " remove " + DescribeGuids(request.remove_guids());
     if (!request.add_guids().empty()) {
         text += (request.remove_guids().empty() ? " add " : ", add ") + DescribeGuids(request.add_guids());
@@ -165,7 +165,7 @@ std::string DescribeRequest(const v1::UpdateReservationRequest& request) {
 }
 
 std::string DescribeRequest(const v1::DeleteReservationRequest& request) {
-    return "delete " + Printable(request.key());
+    return "delete " + util::Printable(request.key());
 }
 
 }    // namespace

@@ -12,11 +12,9 @@
 #include "ctl/apply.h"
 #include "ctl/commands.h"
 #include "ctl/guid_list.h"
-#include "ctl/text.h"
+#include "util/text.h"
 
 namespace reservationctl {
-
-namespace v1 = reservation::v1;
 
 namespace {
 
@@ -79,7 +77,7 @@ CLI::Option* AddGuidList(CLI::App* command, const std::string& name, const std::
 CLI::Option* AddKey(CLI::App* command, const std::string& help, const std::function<void(const std::string&)>& set) {
     return AddText(command, "KEY", help, [set](const std::string& key) {
         if (key.empty()) throw UsageError("KEY: is empty");
-        if (!IsUtf8(key)) throw UsageError("KEY: '" + key + "' is not UTF-8");
+        if (!util::IsUtf8(key)) throw UsageError("KEY: '" + key + "' is not UTF-8");
         set(key);
     });
 }
@@ -150,7 +148,9 @@ public:
         AddWatch(app);
         const auto draft = std::make_shared<Draft<v1::GetDaemonInfoRequest>>();
         Add(app, "status", "show facts about the daemon", draft,
-            [](Client& client, const v1::GetDaemonInfoRequest&, Format format) { return ShowStatus(client, format); });
+            [](const Client& client, const v1::GetDaemonInfoRequest&, Format format) {
+                return ShowStatus(client, format);
+            });
     }
 
 private:
@@ -166,7 +166,7 @@ private:
         command->add_flag_callback(
             "--json", [draft] { draft->format = Format::kJson; }, "print the reply as JSON");
         command->callback([this, draft, run] {
-            line_.command = [draft, run](Client& client) { return run(client, draft->request, draft->format); };
+            line_.command = [draft, run](const Client& client) { return run(client, draft->request, draft->format); };
         });
         return command;
     }
@@ -228,8 +228,9 @@ private:
         command->add_option("FILE", settings->path, "the file; -: standard input")->type_name("")->required();
         command->add_flag("--yes", settings->is_agreed, "do not ask");
         command->add_flag("--dry-run", settings->is_dry_run, "show the plan, and change nothing");
-        command->callback(
-            [this, settings] { line_.command = [settings](Client& client) { return Apply(client, *settings); }; });
+        command->callback([this, settings] {
+            line_.command = [settings](const Client& client) { return Apply(client, *settings); };
+        });
     }
 
     template <typename Request>
@@ -275,7 +276,7 @@ private:
         const auto count = std::make_shared<uint64_t>(0);
         const auto draft = std::make_shared<Draft<v1::WatchRequest>>();
         CLI::App* const command = Add(app, "watch", "print what happens, as it happens", draft,
-                                      [count](Client& client, const v1::WatchRequest& request, Format format) {
+                                      [count](const Client& client, const v1::WatchRequest& request, Format format) {
                                           return WatchEvents(client, request, *count, format);
                                       });
         AddNumber(command, "--from", 1, kAnyNumber, "begin with the event of this number; default: the next one",
@@ -287,8 +288,8 @@ private:
     CommandLine& line_;
 };
 
-void AddConnectionOptions(CLI::App& app, Connection& connection) {
-    app.add_option("--address", connection.address, "of the daemon: unix:PATH, or host:port with TLS")
+void AddConnectionOptions(CLI::App& app, client::ConnectionOptions& connection) {
+    app.add_option("--address", connection.addresses.front(), "of the daemon: unix:PATH, or host:port with TLS")
         ->envname("RESERVATIOND_ADDRESS")
         ->capture_default_str()
         ->type_name("ADDRESS");
@@ -303,7 +304,7 @@ void AddConnectionOptions(CLI::App& app, Connection& connection) {
 
 CommandLine ReadCommandLine(int argc, char** argv) {
     CommandLine line;
-    line.connection.address = "unix:/run/reservationd/reservationd.sock";
+    line.connection.addresses = {"unix:/run/reservationd/reservationd.sock"};
     CLI::App app(kDescription, "reservationctl");
     app.set_version_flag("--version", RESERVATIONCTL_VERSION);
     AddConnectionOptions(app, line.connection);

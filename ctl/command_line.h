@@ -4,14 +4,14 @@
 
 #include <functional>
 
-#include "ctl/client.h"
+#include "ctl/call.h"
 #include "ctl/errors.h"
 
 namespace reservationctl {
 
 struct CommandLine {
-    Connection connection;
-    std::function<ExitStatus(Client& client)> command;
+    client::ConnectionOptions connection;
+    std::function<ExitStatus(const Client& client)> command;
 };
 
 // Reads the command line, and the files of GUIDs that it names. Prints what --help and --version ask for, and exits.

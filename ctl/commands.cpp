@@ -6,11 +6,9 @@
 
 #include "ctl/describe.h"
 #include "ctl/refusal.h"
-#include "ctl/text.h"
+#include "util/text.h"
 
 namespace reservationctl {
-
-namespace v1 = reservation::v1;
 
 namespace {
 
@@ -35,8 +33,8 @@ void Print(const Reply& reply, Format format, Describe describe) {
 
 // Prints the reply to a create, update or delete.
 template <typename Request>
-ExitStatus PrintChange(Client& client, const Request& request, Format format, const std::string& done) {
-    const v1::ReservationReply reply = client.Call(request);
+ExitStatus PrintChange(const Client& client, const Request& request, Format format, const std::string& done) {
+    const v1::ReservationReply reply = Call(client, request);
     const bool is_done = IsCarriedOut(reply);
     if (format == Format::kJson) PrintJson(reply);
     if (!is_done) {
@@ -50,9 +48,9 @@ ExitStatus PrintChange(Client& client, const Request& request, Format format, co
     return ExitStatus::kDone;
 }
 
-ExitStatus PrintReservations(Client& client, const v1::GetReservationsRequest& request, Format format,
+ExitStatus PrintReservations(const Client& client, const v1::GetReservationsRequest& request, Format format,
                              std::string (*describe)(const v1::ReservationReply& reply)) {
-    const v1::ReservationReply reply = client.Call(request);
+    const v1::ReservationReply reply = Call(client, request);
     if (format == Format::kJson) PrintJson(reply);
     if (reply.status() != v1::STATUS_SUCCESS) {
         std::cerr << "refused: " << DescribeRefusal(reply);
@@ -64,7 +62,7 @@ ExitStatus PrintReservations(Client& client, const v1::GetReservationsRequest& r
 
 std::string DescribeKeys(const v1::ReservationReply& reply) {
     std::string text;
-    for (const v1::Reservation& reservation : reply.reservations()) text += Printable(reservation.key()) + "\n";
+    for (const v1::Reservation& reservation : reply.reservations()) text += util::Printable(reservation.key()) + "\n";
     return text;
 }
 
@@ -78,28 +76,28 @@ std::string DescribeInFull(const v1::ReservationReply& reply) {
 
 }    // namespace
 
-ExitStatus CreateReservation(Client& client, const v1::CreateReservationRequest& request, Format format) {
+ExitStatus CreateReservation(const Client& client, const v1::CreateReservationRequest& request, Format format) {
     return PrintChange(client, request, format, "in force");
 }
 
-ExitStatus UpdateReservation(Client& client, const v1::UpdateReservationRequest& request, Format format) {
+ExitStatus UpdateReservation(const Client& client, const v1::UpdateReservationRequest& request, Format format) {
     return PrintChange(client, request, format, "in force");
 }
 
-ExitStatus DeleteReservation(Client& client, const v1::DeleteReservationRequest& request, Format format) {
+ExitStatus DeleteReservation(const Client& client, const v1::DeleteReservationRequest& request, Format format) {
     return PrintChange(client, request, format, "deleted");
 }
 
-ExitStatus ListReservations(Client& client, const v1::GetReservationsRequest& request, Format format) {
+ExitStatus ListReservations(const Client& client, const v1::GetReservationsRequest& request, Format format) {
     return PrintReservations(client, request, format, request.with_details() ? DescribeReservations : DescribeKeys);
 }
 
-ExitStatus ShowReservation(Client& client, const v1::GetReservationsRequest& request, Format format) {
+ExitStatus ShowReservation(const Client& client, const v1::GetReservationsRequest& request, Format format) {
     return PrintReservations(client, request, format, DescribeInFull);
 }
 
-ExitStatus BeginJob(Client& client, const v1::BeginJobRequest& request, Format format) {
-    const v1::BeginJobReply reply = client.Call(request);
+ExitStatus BeginJob(const Client& client, const v1::BeginJobRequest& request, Format format) {
+    const v1::BeginJobReply reply = Call(client, request);
     const bool is_admitted = reply.result() == v1::BeginJobReply::RESULT_ADMITTED;
     if (format == Format::kJson) PrintJson(reply);
     if (!is_admitted) {
@@ -107,54 +105,55 @@ ExitStatus BeginJob(Client& client, const v1::BeginJobRequest& request, Format f
         return ExitStatus::kRefused;
     }
     if (format == Format::kText) {
-        std::cout << "job " << request.job_id() << " admitted to reservation " << Printable(reply.reservation_key())
-                  << ", id " << reply.reservation_id() << "\n";
+        std::cout << "job " << request.job_id() << " admitted to reservation "
+                  << util::Printable(reply.reservation_key()) << ", id " << reply.reservation_id() << "\n";
     }
     return ExitStatus::kDone;
 }
 
-ExitStatus EndJob(Client& client, const v1::EndJobRequest& request, Format format) {
-    const v1::EndJobReply reply = client.Call(request);
+ExitStatus EndJob(const Client& client, const v1::EndJobRequest& request, Format format) {
+    const v1::EndJobReply reply = Call(client, request);
     Print(reply, format, [&] {
         return "job " + std::to_string(request.job_id()) + (reply.was_running() ? " ended\n" : " was not running\n");
     });
     return ExitStatus::kDone;
 }
 
-ExitStatus ListJobs(Client& client, const v1::ListJobsRequest& request, Format format) {
-    const v1::ListJobsReply reply = client.Call(request);
+ExitStatus ListJobs(const Client& client, const v1::ListJobsRequest& request, Format format) {
+    const v1::ListJobsReply reply = Call(client, request);
     Print(reply, format, [&] { return DescribeInTable(reply.jobs()); });
     return ExitStatus::kDone;
 }
 
-ExitStatus ReportPort(Client& client, const v1::ReportPortRequest& request, Format format) {
-    const v1::ReportPortReply reply = client.Call(request);
+ExitStatus ReportPort(const Client& client, const v1::ReportPortRequest& request, Format format) {
+    const v1::ReportPortReply reply = Call(client, request);
     Print(reply, format, [&] {
         const std::string& key = reply.reservation_key();
         return std::string(reply.acted() ? "changed: " : "nothing changed: ") + "the HCA is in " +
-               (key.empty() ? "no reservation" : "reservation " + Printable(key)) + "\n";
+               (key.empty() ? "no reservation" : "reservation " + util::Printable(key)) + "\n";
     });
     return ExitStatus::kDone;
 }
 
-ExitStatus ShowStatus(Client& client, Format format) {
-    const v1::DaemonInfo info = client.Call(v1::GetDaemonInfoRequest());
+ExitStatus ShowStatus(const Client& client, Format format) {
+    const v1::DaemonInfo info = Call(client, v1::GetDaemonInfoRequest());
     Print(info, format, [&] { return Describe(info); });
     return ExitStatus::kDone;
 }
 
-ExitStatus WatchEvents(Client& client, const v1::WatchRequest& request, uint64_t count, Format format) {
-    uint64_t taken = 0;
-    client.Watch(request, [&](const v1::Event& event) {
+ExitStatus WatchEvents(const Client& client, const v1::WatchRequest& request, uint64_t count, Format format) {
+    const auto events = client.Watch(request);
+    for (uint64_t printed = 0; std::cout.good() && (count == 0 || printed < count);) {
+        const absl::StatusOr<v1::Event> event = events->Next();
+        if (!event.ok()) throw ErrorOf(event.status(), client);
         if (format == Format::kJson) {
-            PrintJson(event, Layout::kOneLine);
+            PrintJson(*event, Layout::kOneLine);
         } else {
-            std::cout << Describe(event);
+            std::cout << Describe(*event);
         }
         std::cout.flush();
-        if (event.kind() != v1::Event::KIND_NONE) ++taken;
-        return std::cout.good() && (count == 0 || taken < count);
-    });
+        if (event->kind() != v1::Event::KIND_NONE) ++printed;
+    }
     return ExitStatus::kDone;
 }
 

@@ -6,7 +6,7 @@
 
 #include "ctl/guid_list.h"
 #include "ctl/table.h"
-#include "ctl/text.h"
+#include "util/text.h"
 
 namespace reservationctl {
 
@@ -60,9 +60,9 @@ std::string DescribeFacts(const std::vector<std::vector<std::string>>& facts) {
 }
 
 std::string DescribeKind(const v1::Event& event) {
-    const std::string key = Printable(event.reservation_key());
+    const std::string key = util::Printable(event.reservation_key());
     const std::string job = "job " + std::to_string(event.job_id()) + " of " + key;
-    const std::string reason = event.reason().empty() ? "" : ": " + Printable(event.reason());
+    const std::string reason = event.reason().empty() ? "" : ": " + util::Printable(event.reason());
     switch (event.kind()) {
         case v1::Event::KIND_RESERVATION_CREATED:
             return "reservation " + key + " created";
@@ -106,7 +106,7 @@ std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Reserva
     constexpr auto kRight = Table::Align::kRight;
     Table table({{"KEY"}, {"PKEY", kRight}, {"HCAS", kRight}, {"TREES", kRight}, {"JOBS", kRight}, {"GUIDS"}});
     for (const v1::Reservation& reservation : reservations) {
-        table.AddRow({Printable(reservation.key()), FormatHex(reservation.pkey()),
+        table.AddRow({util::Printable(reservation.key()), FormatHex(reservation.pkey()),
                       std::to_string(reservation.guids_size()), DescribeTrees(reservation),
                       std::to_string(reservation.job_ids_size()),
                       FoldGuids(ToList(reservation.guids()), kGuidsInTable)});
@@ -115,7 +115,7 @@ std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Reserva
 }
 
 std::string Describe(const v1::Reservation& reservation) {
-    return DescribeFacts({{"key", Printable(reservation.key())},
+    return DescribeFacts({{"key", util::Printable(reservation.key())},
                           {"id", std::to_string(reservation.id())},
                           {"state", DescribeState(reservation)},
                           {"pkey", FormatHex(reservation.pkey())},
@@ -137,9 +137,9 @@ std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Job>& j
                  {"HCAS", kRight},
                  {"GUIDS"}});
     for (const v1::Job& job : jobs) {
-        table.AddRow({std::to_string(job.job_id()), Printable(job.reservation_key()), std::to_string(job.planes()),
-                      std::to_string(job.trees()), YesOrNo(job.accounted()), std::to_string(job.guids_size()),
-                      FoldGuids(ToList(job.guids()), kGuidsInTable)});
+        table.AddRow({std::to_string(job.job_id()), util::Printable(job.reservation_key()),
+                      std::to_string(job.planes()), std::to_string(job.trees()), YesOrNo(job.accounted()),
+                      std::to_string(job.guids_size()), FoldGuids(ToList(job.guids()), kGuidsInTable)});
     }
     return table.ToString();
 }
@@ -147,11 +147,11 @@ std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Job>& j
 std::string Describe(const v1::DaemonInfo& info) {
     const uint32_t trees = info.reservation_default_num_trees();
     return DescribeFacts(
-        {{"version", Printable(info.version())},
+        {{"version", util::Printable(info.version())},
          {"started", DescribeTime(info.started_unix_millis())},
-         {"store", Printable(info.persistent_dir())},
+         {"store", util::Printable(info.persistent_dir())},
          {"store can be written", YesOrNo(info.store_writable())},
-         {"durability", Printable(info.durability())},
+         {"durability", util::Printable(info.durability())},
          {"reservations", std::to_string(info.reservations())},
          {"reserved HCAs", std::to_string(info.reserved_hcas())},
          {"jobs", std::to_string(info.jobs())},
@@ -175,7 +175,7 @@ std::string Describe(const v1::Event& event) {
 std::string Describe(const v1::Consequences& consequences, bool is_dry_run) {
     std::string text;
     for (const std::string& key : consequences.deleted_reservation_keys()) {
-        text += (is_dry_run ? "would delete reservation " : "deleted reservation ") + Printable(key) +
+        text += (is_dry_run ? "would delete reservation " : "deleted reservation ") + util::Printable(key) +
                 ", whose GUIDs are taken\n";
     }
     if (!consequences.ended_job_ids().empty()) {

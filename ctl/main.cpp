@@ -2,11 +2,12 @@
 
 #include <exception>
 #include <iostream>
+#include <string>
 
-#include "ctl/client.h"
+#include "client/client.h"
 #include "ctl/command_line.h"
 #include "ctl/errors.h"
-#include "ctl/text.h"
+#include "util/text.h"
 
 namespace {
 
@@ -14,8 +15,9 @@ using namespace reservationctl;
 
 ExitStatus Run(int argc, char** argv) {
     const CommandLine command_line = ReadCommandLine(argc, argv);
-    Client client(command_line.connection);
-    const ExitStatus status = command_line.command(client);
+    const auto client = client::Client::Make(command_line.connection);
+    if (!client.ok()) throw UsageError(std::string(client.status().message()));
+    const ExitStatus status = command_line.command(*client);
     if (!std::cout.flush()) throw Error(ExitStatus::kRefused, "standard output cannot be written");
     return status;
 }
@@ -23,9 +25,9 @@ ExitStatus Run(int argc, char** argv) {
 }    // namespace
 
 int main(int argc, char** argv) try { return static_cast<int>(Run(argc, argv)); } catch (const Error& error) {
-    std::cerr << "reservationctl: " << Printable(error.what()) << '\n';
+    std::cerr << "reservationctl: " << util::Printable(error.what()) << '\n';
     return static_cast<int>(error.status());
 } catch (const std::exception& error) {
-    std::cerr << "reservationctl: " << Printable(error.what()) << '\n';
+    std::cerr << "reservationctl: " << util::Printable(error.what()) << '\n';
     return static_cast<int>(ExitStatus::kRefused);
 }

@@ -4,7 +4,7 @@
 
 #include "ctl/describe.h"
 #include "ctl/guid_list.h"
-#include "ctl/text.h"
+#include "util/text.h"
 
 namespace reservationctl {
 
@@ -76,7 +76,7 @@ Explanation Explain(v1::BeginJobReply::Result result) {
 }
 
 std::string Line(std::string_view name, std::string_view text) {
-    return text.empty() ? "" : "  " + std::string(name) + Printable(text) + "\n";
+    return text.empty() ? "" : "  " + std::string(name) + util::Printable(text) + "\n";
 }
 
 std::string DescribeConflict(const v1::Conflict& conflict) {
@@ -105,7 +105,7 @@ bool IsCarriedOut(const v1::ReservationReply& reply) {
 std::string DescribeRefusal(const v1::ReservationReply& reply) {
     const bool is_ignored = reply.status() == v1::STATUS_SUCCESS;
     const std::string name =
-        reply.status_name().empty() ? std::to_string(reply.status()) : Printable(reply.status_name());
+        reply.status_name().empty() ? std::to_string(reply.status()) : util::Printable(reply.status_name());
     return Describe(is_ignored ? "ignored" : name, Explain(reply.status()), reply.reason(), reply.conflict());
 }
 

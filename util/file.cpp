@@ -1,7 +1,6 @@
 #include "util/file.h"
 
 #include <absl/cleanup/cleanup.h>
-#include <absl/strings/str_cat.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -14,13 +13,9 @@ namespace {
 
 enum class Sync { kNo, kYes };
 
-absl::Status ReadError(const std::string& path) {
-    return absl::ErrnoToStatus(errno, absl::StrCat(path, ": cannot be read"));
-}
+absl::Status ReadError(const std::string& path) { return absl::ErrnoToStatus(errno, path + ": cannot be read"); }
 
-absl::Status WriteError(const std::string& path) {
-    return absl::ErrnoToStatus(errno, absl::StrCat(path, ": cannot be written"));
-}
+absl::Status WriteError(const std::string& path) { return absl::ErrnoToStatus(errno, path + ": cannot be written"); }
 
 absl::Status WriteAll(int file, const std::string& path, std::string_view content) {
     while (!content.empty()) {

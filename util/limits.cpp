@@ -1,9 +1,7 @@
 #include "util/limits.h"
 
-#include <absl/strings/str_cat.h>
+#include <fmt/format.h>
 #include <utf8.h>
-
-#include <algorithm>
 
 #include "util/text.h"
 
@@ -16,7 +14,7 @@ absl::Status ValidateKey(std::string_view key) {
         if (IsControlCharacter(character)) return absl::InvalidArgumentError("contains a control character");
     }
     if (key.size() <= kMaxKeyBytes) return absl::OkStatus();
-    return absl::InvalidArgumentError(absl::StrCat("has ", key.size(), " bytes, a file name holds ", kMaxKeyBytes));
+    return absl::InvalidArgumentError(fmt::format("has {} bytes, a file name holds {}", key.size(), kMaxKeyBytes));
 }
 
 }    // namespace util

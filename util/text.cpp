@@ -1,10 +1,11 @@
 #include "util/text.h"
 
-#include <absl/strings/str_format.h>
+#include <fmt/format.h>
 #include <utf8.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 
 namespace util {
 
@@ -24,15 +25,15 @@ std::string Printable(std::string_view text) {
             character = utf8::next(next, text.end());
         } catch (const utf8::exception&) {
             next = first + 1;
-            absl::StrAppendFormat(&printable, "\\x%02x", static_cast<unsigned char>(*first));
+            fmt::format_to(std::back_inserter(printable), "\\x{:02x}", static_cast<unsigned char>(*first));
             continue;
         }
         if (!IsControlCharacter(character)) {
             printable.append(first, next);
         } else if (character < 0x80) {
-            absl::StrAppendFormat(&printable, "\\x%02x", uint32_t{character});
+            fmt::format_to(std::back_inserter(printable), "\\x{:02x}", uint32_t{character});
         } else {
-            absl::StrAppendFormat(&printable, "\\u%04x", uint32_t{character});
+            fmt::format_to(std::back_inserter(printable), "\\u{:04x}", uint32_t{character});
         }
     }
     return printable;

@@ -18,7 +18,7 @@
 #include "ctl/errors.h"
 #include "ctl/guid_list.h"
 #include "ctl/refusal.h"
-#include "ctl/text.h"
+#include "util/text.h"
 
 namespace reservationctl {
 namespace {
@@ -208,9 +208,9 @@ TEST(DescribeTest, AlignsTablesAndKeepsControlCharactersOut) {
     reservations[1].set_max_trees(4);
     reservations[1].set_used_trees(3);
     EXPECT_EQ(DescribeInTable(reservations),
-              "KEY      PKEY  HCAS           TREES  JOBS  GUIDS\n"
-              "größe  0x8001   100  0 of unlimited     0  0x1-0x64\n"
-              "b?[2J     0x1     0          3 of 4     0\n");
+              "KEY         PKEY  HCAS           TREES  JOBS  GUIDS\n"
+              "größe     0x8001   100  0 of unlimited     0  0x1-0x64\n"
+              "b\\x1b[2J     0x1     0          3 of 4     0\n");
 }
 
 TEST(DescribeTest, TellsWhatARefusalRanInto) {
@@ -231,9 +231,9 @@ TEST(DescribeTest, TellsWhatARefusalRanInto) {
 
 TEST(TextTest, KnowsUtf8) {
     for (const char* text : {"", "plain", "gr\xc3\xb6\xc3\x9f", "\xe2\x82\xac", "\xf0\x9f\x98\x80"})
-        EXPECT_TRUE(IsUtf8(text));
+        EXPECT_TRUE(util::IsUtf8(text));
     for (const char* text : {"\xff", "\xc3", "a\x80", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82"})
-        EXPECT_FALSE(IsUtf8(text));
+        EXPECT_FALSE(util::IsUtf8(text));
 }
 
 }    // namespace

@@ -1,0 +1,29 @@
+// Calls of the daemon, whose failures end the program.
+
+#pragma once
+
+#include <absl/status/status.h>
+
+#include <utility>
+
+#include "client/client.h"
+#include "ctl/errors.h"
+
+namespace reservationctl {
+
+namespace v1 = reservation::v1;
+using client::Client;
+
+// What a call that failed with this status ends the program with: kNoDaemon when nobody answers in time, kWrongUsage
+// when the daemon finds the request malformed, and kRefused otherwise.
+Error ErrorOf(const absl::Status& status, const Client& client);
+
+// The reply, which may be a refusal by the manager. Throws ErrorOf() where there is none.
+template <typename Request>
+auto Call(const Client& client, const Request& request) {
+    auto reply = client.Call(request);
+    if (!reply.ok()) throw ErrorOf(reply.status(), client);
+    return *std::move(reply);
+}
+
+}    // namespace reservationctl

@@ -3,8 +3,8 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-PACKAGES=(g++ cmake ninja-build libgtest-dev libabsl-dev libfmt-dev libutfcpp-dev libcli11-dev nlohmann-json3-dev
-    libgrpc++-dev libprotobuf-dev protobuf-compiler protobuf-compiler-grpc libsqlite3-dev libspdlog-dev libsystemd-dev pkg-config)
+PACKAGES=(g++ cmake ninja-build libgtest-dev libabsl-dev libfmt-dev libutfcpp-dev libcli11-dev nlohmann-json3-dev libgrpc++-dev
+    libprotobuf-dev protobuf-compiler protobuf-compiler-grpc libsqlitecpp-dev libspdlog-dev libsystemd-dev pkg-config)
 
 # Installs the Debian packages among the arguments that are not there yet. Asks the registry only when one is missing.
 install_packages() {

@@ -1,15 +1,15 @@
-// The engine of the daemon: one thread that carries out all calls, and makes what they changed durable before they are
-// answered.
+// The daemon's engine: one thread runs all calls, in batches, and commits what a batch changed before it is answered.
 
 #pragma once
 
-#include <condition_variable>
+#include <absl/base/thread_annotations.h>
+#include <absl/synchronization/mutex.h>
+
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -85,39 +85,39 @@ public:
 private:
     void Load();
     void LoadEvents();
-    void PrepareFiles(const std::map<std::string, StoredReservation>& stored, const std::set<std::string>& unpublished);
-    void RestoreBook();
-    std::unique_ptr<ReservationState> MakeBook(const std::string& dir);
+    void PrepareFiles(const std::map<std::string, StoredReservation>& stored, const std::set<std::string>& dirty_keys);
+    void RestoreState();
+    std::unique_ptr<ReservationState> MakeState(const std::string& dir);
 
     void Run();
     bool WaitForBatch(std::vector<Call>& batch);
-    void TakeOver(const EngineSettings& settings);
-    void Process(std::vector<Call>& batch);
-    std::string CarryOut(std::vector<Call>& batch);
+    bool HasWork() const ABSL_SHARED_LOCKS_REQUIRED(mutex_);
+    void ApplySettings(const EngineSettings& settings);
+    void RunAndAnswer(std::vector<Call>& batch);
+    std::string ExecuteBatch(std::vector<Call>& batch);
     std::string ProbeStore();
     void Commit();
-    void Announce(const StoreChanges& stored, const StateChanges& changes) noexcept;
+    void PublishCommitted(const StoreChanges& stored, const StateChanges& changes) noexcept;
     void RollBack(const std::string& reason);
-    bool Publish(const std::string& key, const std::optional<std::string>& record);
-    void Settle(size_t max_keys);
+    bool WriteFile(const std::string& key, const std::optional<std::string>& record);
+    void CleanKeys(size_t max_keys);
 
     EngineSettings settings_;
     const std::string dir_;
     DirectoryLock lock_;
-    Store store_;
+    const std::unique_ptr<Store> store_;
     ReservationFiles files_;
     EventLog events_;
     std::unique_ptr<ReservationState> state_;
     uint64_t failed_requests_ = 0;    // as of the last commit
-    bool is_writable_ = true;    // the store was, when it was tried last
-    std::map<std::string, bool> unsettled_;    // the store's unpublished keys; true: the file is right by now
-    bool are_files_behind_ = false;
+    bool store_is_writable_ = true;    // outcome of the last write; while false, changes are refused
+    std::map<std::string, bool> dirty_keys_;    // the store's; true: the file has been written since
+    bool files_failed_ = false;    // a file could not be written, and some key is still dirty
 
-    std::mutex mutex_;    // guards what follows
-    std::condition_variable wake_;
-    std::deque<Call> calls_;
-    std::optional<EngineSettings> new_settings_;
-    bool is_stopping_ = false;
+    absl::Mutex mutex_;
+    std::deque<Call> calls_ ABSL_GUARDED_BY(mutex_);
+    std::optional<EngineSettings> new_settings_ ABSL_GUARDED_BY(mutex_);
+    bool is_stopping_ ABSL_GUARDED_BY(mutex_) = false;
 
     std::thread thread_;    // last: it uses all of the above
 };

@@ -2,10 +2,12 @@
 
 #pragma once
 
+#include <absl/base/thread_annotations.h>
+#include <absl/synchronization/mutex.h>
+
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <vector>
 
@@ -23,7 +25,7 @@ public:
     class Reader {
     public:
         virtual ~Reader() = default;
-        // Reading again tells more. Called on any thread.
+        // Call Read again: a new event was appended, or the log was closed. Called on any thread.
         virtual void Wake() = 0;
     };
 
@@ -48,14 +50,16 @@ public:
     uint64_t oldest() const;    // of those kept; newest() + 1 when there is none
 
 private:
-    void WakeReaders(std::unique_lock<std::mutex> lock);
+    using Readers = std::set<std::shared_ptr<Reader>>;
+
+    static void Wake(const Readers& readers);
 
     const uint64_t kept_;
-    mutable std::mutex mutex_;
-    std::deque<v1::Event> events_;
-    std::set<std::shared_ptr<Reader>> waiting_;
-    uint64_t newest_ = 0;
-    bool is_closed_ = false;
+    mutable absl::Mutex mutex_;
+    std::deque<v1::Event> events_ ABSL_GUARDED_BY(mutex_);
+    Readers waiting_ ABSL_GUARDED_BY(mutex_);
+    uint64_t newest_ ABSL_GUARDED_BY(mutex_) = 0;
+    bool is_closed_ ABSL_GUARDED_BY(mutex_) = false;
 };
 
 }    // namespace reservationd

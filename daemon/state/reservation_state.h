@@ -1,8 +1,9 @@
-// The reservation manager with all that it needs around it: options, running jobs, and somebody who writes down what it
-// does. It speaks the messages of the service.
+// Hosts a ReservationManager: supplies its options and the running jobs, answers the service's requests with it, and
+// collects what changed, to be committed.
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -13,11 +14,11 @@
 #include <vector>
 
 #include "daemon/state/conflict.h"
+#include "daemon/state/job_table.h"
+#include "daemon/state/manager_scope.h"
 #include "daemon/storage/store.h"
 #include "host/command_manager.h"
 #include "host/event_manager.h"
-#include "host/fabric.h"
-#include "host/job.h"
 #include "host/log.h"
 #include "host/option_info.h"
 #include "reservation/reservation_manager.h"
@@ -27,25 +28,25 @@ namespace reservationd {
 
 namespace v1 = reservation::v1;
 
-// What has happened to a state.
+// Changes since the last TakeChanges, to be committed together.
 struct StateChanges {
     std::set<std::string> keys;    // reservations that may have come, changed or gone
     std::set<uint64_t> job_ids;    // jobs that began or ended
     std::vector<v1::Event> events;    // in order, without sequence numbers
 };
 
-// Used by one thread at a time. Several can exist: each owns the manager's globals while one of its
-// operations runs.
+// Used by one thread at a time. Several can exist, of which one runs an operation at a time, in any thread.
 //
-// The requests are checked already (see the service): keys are short enough, numbers in their ranges.
+// REQUIRES of every request: its key and its numbers have been checked.
 class ReservationState : private CommandManager, private EventManager {
 public:
     using LogFunction = std::function<void(const LogRecord&)>;
 
-    // `log` receives the manager's records; it may be empty. `failed_requests`: where the count of refused requests
-    // goes on.
+    // Starts without reservations and jobs. `log` receives the manager's records; it may be empty. `failed_requests`:
+    // refused requests counted so far.
     ReservationState(const OptionInfo& options, LogFunction log, uint64_t failed_requests = 0);
-    ~ReservationState() override;
+    ReservationState(const ReservationState&) = delete;
+    ReservationState& operator=(const ReservationState&) = delete;
 
     // ---- Requests. Each fills `reply`, which comes empty. ----
 
@@ -69,12 +70,13 @@ public:
     std::optional<StoredReservation> Packed(const std::string& key) const;
     std::optional<std::string> PackedJob(uint64_t job_id) const;
 
-    // Adds a stored job, which is in no reservation's counts yet. Throws std::runtime_error when it is damaged.
-    void AddJob(const std::string& packed);
+    // Adds a stored job, which is in no reservation's counts yet. REQUIRES: the job is not there, and neither is its
+    // reservation. Throws std::runtime_error when it is damaged.
+    void AddJob(uint64_t job_id, const std::string& packed);
 
-    // Enters a stored reservation just as it was, with the jobs that were counted in it. Its key is not there yet.
-    // Throws std::runtime_error when it is damaged.
-    void Restore(const StoredReservation& stored);
+    // Enters a stored reservation just as it was, and counts its jobs. REQUIRES: there is none with its key. Throws
+    // std::runtime_error when it is damaged.
+    void Restore(const std::string& key, const StoredReservation& stored);
 
     // Loads the directory of reservation files, or purges it, as the options tell; the manager's own files go to
     // `staging_dir` from then on. `stored` reservations whose files are missing are entered as if they were there. What
@@ -87,12 +89,9 @@ public:
     // The key of the record in a reservation file, or nothing when the file is damaged.
     std::optional<std::string> KeyInFile(const std::string& path);
 
-    uint64_t failed_requests() const { return fabric_.failed_reservation_requests; }
+    uint64_t failed_requests() const { return context_.fabric.failed_reservation_requests; }
 
 private:
-    class ManagerScope;
-    struct Job;
-
     void SendReservationInfoList(const dov_ep* ep, vesk_reservation_info_list& list,
                                  uint64_t transaction_id) const override;
     void HandleJobError(VeskJob* job, vesk_error_value value, vesk_error_type type, bool, bool) override;
@@ -104,14 +103,16 @@ private:
     void AddReservationRemovedEvent(const char* key) override;
 
     template <typename Operation>
-    void Answer(v1::ReservationReply* reply, const WantedChange& change, Operation operation);
+    void RunRequest(v1::ReservationReply* reply, const WantedChange& change, Operation operation);
+    void DescribeConsequences(const std::string& key, size_t first_event, v1::ReservationReply* reply) const;
     template <typename Request>
     void DryRun(void (ReservationState::*operation)(const Request&, v1::ReservationReply*), const Request& request,
-                const google::protobuf::RepeatedField<uint64_t>& guids, v1::ReservationReply* reply);
+                const google::protobuf::RepeatedField<uint64_t>& guids, v1::ReservationReply* reply) const;
+    std::unique_ptr<ReservationState> MakeScratchCopy(std::set<std::string> keys,
+                                                      const google::protobuf::RepeatedField<uint64_t>& guids) const;
     void Describe(const vesk_reservation_info& entry, v1::Reservation* reservation) const;
-    void AnswerAgain(const v1::Job& running, const v1::Job& wanted, v1::BeginJobReply* reply) const;
+    void ReplyToRepeatedBegin(const v1::Job& running, const v1::Job& wanted, v1::BeginJobReply* reply) const;
     v1::BeginJobReply::Result Admit(std::unique_ptr<Job> job, v1::BeginJobReply* reply);
-    void InsertJob(std::unique_ptr<Job> job);
     std::unique_ptr<Job> ExtractJob(uint64_t job_id);
     void CountJobsOf(ReservationInfo* reservation);
     void AddReservationEvent(v1::Event::Kind kind, const std::string& key);
@@ -119,17 +120,14 @@ private:
     void AddDifferencesTo(const std::map<std::string, StoredReservation>& stored);
     ReservationInfo* OwnerOf(uint64_t guid) const;
 
-    OptionInfo options_;
-    Fabric fabric_;
-    LogFunction log_;
-    std::map<uint64_t, std::unique_ptr<Job>> jobs_;
-    std::map<std::string, std::map<uint64_t, Job*>, std::less<>> jobs_by_key_;
-    std::vector<std::unique_ptr<Job>> ended_jobs_;    // until the operation that ended them is over
+    ManagerContext context_;
+    JobTable jobs_;
+    // The manager may look at a job until the operation that ended it is over: kept until TakeChanges.
+    std::vector<std::unique_ptr<Job>> ended_jobs_;
     ReservationManager manager_;
     StateChanges changes_;
-    std::string last_record_;    // that the manager sent in the last operation and that may be a reason
     v1::ReservationReply* reply_ = nullptr;    // of the request under way
-    bool with_details_ = true;    // the reply describes reservations in full
+    bool with_details_ = true;    // `reply_` describes reservations in full
 };
 
 }    // namespace reservationd

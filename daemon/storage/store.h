@@ -1,11 +1,9 @@
-// The daemon's own store: the last acknowledged state of reservations and jobs, and the newest events, in one SQLite
-// database. A change is acknowledged once Commit has returned.
+// Where the daemon keeps what it has answered: reservations, jobs, and the newest events.
 
 #pragma once
 
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -13,82 +11,59 @@
 #include <utility>
 #include <vector>
 
-struct sqlite3;
-struct sqlite3_stmt;
-
 namespace reservationd {
 
-// What a committed change survives: the end of the process, or the end of the machine's power as well.
+// What a committed change survives: the end of the process, or a loss of the machine's power as well.
 enum class Durability { kProcess, kMachine };
 
-// The store cannot be opened, read or written. The message names the file and the reason.
+// The store cannot be opened, read or written. The message names the store and the reason.
 class StoreError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
 struct StoredReservation {
-    std::string record;    // packed by dov_msg_pack
+    std::string packed;    // its record, as dov_msg_pack packs it
     uint64_t id = 0;
 
     bool operator==(const StoredReservation&) const = default;
 };
 
-// Changes that become durable together or not at all. A null value deletes.
+// Changes that are committed together or not at all. A null value deletes.
 struct StoreChanges {
-    std::map<std::string, std::optional<StoredReservation>> reservations;    // their keys become unpublished
-    std::map<uint64_t, std::optional<std::string>> jobs;
-    std::vector<std::pair<uint64_t, std::string>> events;    // by ascending sequence number
-    std::set<std::string> published_keys;    // applied before `reservations`
+    std::map<std::string, std::optional<StoredReservation>> reservations;    // by key; the keys become dirty
+    std::map<uint64_t, std::optional<std::string>> jobs;    // by id; a serialized v1::Job
+    std::vector<std::pair<uint64_t, std::string>> events;    // by ascending sequence number; a serialized v1::Event
+    std::set<std::string> clean_keys;    // applied before `reservations`
 
-    bool empty() const { return reservations.empty() && jobs.empty() && events.empty() && published_keys.empty(); }
+    bool empty() const { return reservations.empty() && jobs.empty() && events.empty() && clean_keys.empty(); }
 };
 
-// Used by one thread at a time, and by one process.
+// Used by one thread at a time.
 class Store {
 public:
-    // Opens the database, or makes it. `kept_events`: how many of the newest events stay; at least 1. Throws
-    // StoreError.
-    Store(const std::string& path, Durability durability, uint64_t kept_events);
-    ~Store();
+    Store() = default;
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+    virtual ~Store() = default;
 
-    // Each throws StoreError when the database cannot be read.
-    std::map<std::string, StoredReservation> Reservations();
-    std::map<uint64_t, std::string> Jobs();
-    std::vector<std::pair<uint64_t, std::string>> Events();
-    // Keys whose files may still differ from what is stored here.
-    std::set<std::string> UnpublishedKeys();
+    // What Commit promises when it returns.
+    virtual Durability durability() const = 0;
 
-    // Throws StoreError, with nothing changed, when the database cannot be written.
-    void Commit(const StoreChanges& changes);
+    // Everything that has been committed and not been deleted since. Each throws StoreError when the store cannot be
+    // read.
+    virtual std::map<std::string, StoredReservation> ReadReservations() = 0;
+    virtual std::map<uint64_t, std::string> ReadJobs() = 0;
+    virtual std::vector<std::pair<uint64_t, std::string>> ReadEvents() = 0;    // by ascending sequence number
 
-    // Writes something that means nothing. Throws StoreError when the database cannot be written.
-    void Probe();
+    // The keys whose reservation files may differ from what is stored here.
+    virtual std::set<std::string> ReadDirtyKeys() = 0;
 
-private:
-    struct Closer {
-        void operator()(sqlite3* database) const;
-        void operator()(sqlite3_stmt* statement) const;
-    };
-    using Statement = std::unique_ptr<sqlite3_stmt, Closer>;
+    // Throws StoreError, with nothing changed, when the store cannot be written.
+    virtual void Commit(const StoreChanges& changes) = 0;
 
-    [[noreturn]] void Fail(const std::string& what) const;
-    void Configure(Durability durability);
-    void CreateTables();
-    void Execute(const char* sql);
-    Statement Prepare(const char* sql);
-    template <typename Write>
-    void InTransaction(Write write);
-    template <typename... Values>
-    void Run(const Statement& statement, const Values&... values);
-    template <typename Handle>
-    void ForEachRow(const char* sql, Handle handle);
-
-    std::string path_;
-    uint64_t kept_events_;
-    std::unique_ptr<sqlite3, Closer> database_;
-    Statement put_reservation_, delete_reservation_, put_job_, delete_job_, put_event_, trim_events_, put_unpublished_,
-        delete_unpublished_, put_probe_;
+    // Tests that a commit would succeed, by committing 4 KiB of no meaning. Throws StoreError when it cannot be.
+    virtual void Probe() = 0;
 };
 
 }    // namespace reservationd

@@ -15,6 +15,7 @@
 
 #include "daemon/engine/engine.h"
 #include "daemon/log_sink.h"
+#include "daemon/storage/sqlite_store.h"
 #include "tests/files.h"
 
 namespace reservationd {
@@ -170,10 +171,10 @@ TEST_F(DaemonTest, FilesFollowTheStoreUnlessTheyAreAnOperators) {
     });
     const fs::path elsewhere = PathOf("elsewhere");
     {
-        Store store(PathOf("reservationd.sqlite"), Durability::kProcess, 10);
+        SqliteStore store(PathOf("reservationd.sqlite"), Durability::kProcess, 10);
         const StoredReservation grown{Content(elsewhere / "reservation.E"), 1};
         store.Commit(
-            {.reservations = {{"B", std::nullopt}, {"E", grown}}, .jobs = {}, .events = {}, .published_keys = {"C"}});
+            {.reservations = {{"B", std::nullopt}, {"E", grown}}, .jobs = {}, .events = {}, .clean_keys = {"C"}});
     }
     fs::copy_file(elsewhere / "reservation.C", PathOf("reservation.C"), fs::copy_options::overwrite_existing);
     fs::copy_file(elsewhere / "reservation.D", PathOf("reservation.misnamed"));

@@ -28,7 +28,8 @@ void AddChangeableOptions(CLI::App& app, Settings& settings) {
     OptionInfo& options = settings.engine.options;
     const std::map<std::string, uint32_t> no_limit = {{"none", std::numeric_limits<uint32_t>::max()}};
     app.add_flag("--reservation-mode", options.reservation_mode, "reservations are in use at all")->group(kChangeable);
-    app.add_option("--max-jobs-per-hca", options.max_jobs_per_hca, "most jobs on one HCA; 0: no cap")
+    app.add_option("--max-jobs-per-hca", options.max_jobs_per_hca,
+                   "most jobs on one HCA, which then admits no further one; 0: no cap")
         ->group(kChangeable);
     app.add_option("--reservation-default-num-trees", options.reservation_default_num_trees,
                    "trees limit of a reservation that gives none; 'none': no limit")
@@ -90,10 +91,11 @@ void AddClientOptions(CLI::App& app, ServerSettings& server) {
         option->needs(tcp);
         tcp->needs(option);
     }
-    app.add_option("--full-access", server.full_access_names, "common names of the TLS clients that may do everything")
+    app.add_option("--full-access", server.access.full_access_names,
+                   "common names of the TLS clients that may do everything")
         ->needs(tcp)
         ->group(kClients);
-    app.add_option("--read-only", server.read_only_names, "common names of the TLS clients that may only read")
+    app.add_option("--read-only", server.access.read_only_names, "common names of the TLS clients that may only read")
         ->needs(tcp)
         ->group(kClients);
     app.add_option("--max-request-bytes", server.max_request_bytes, "largest request taken")
@@ -112,6 +114,10 @@ std::map<std::string, OptionValue> ValuesOf(const CLI::App& app) {
 }
 
 void CheckTogether(const Settings& settings) {
+    const AccessLists& access = settings.server.access;
+    if (access.full_access_names.contains("") || access.read_only_names.contains("")) {
+        throw SettingsError("--full-access, --read-only: a name is empty");
+    }
     if (settings.server.socket.empty() && settings.server.tcp_address.empty()) {
         throw SettingsError("--socket is empty and --tcp is not given: no client could connect");
     }

@@ -11,7 +11,8 @@ struct OptionInfo {
     // Directory of the reservation files, used as it stands. It is not created.
     std::string persistent_dir = "/var/lib/reservation_manager";
 
-    // Most jobs counted on one HCA: with as many, it admits no further one. 0: no cap, and jobs are not counted per HCA.
+    // Most jobs counted on one HCA: with as many, it admits no further one. 0: no cap, and jobs are not counted per
+    // HCA.
     uint16_t max_jobs_per_hca = 0;
 
     // Reservations are in use at all.

@@ -1,5 +1,6 @@
 #include "daemon/rpc/server.h"
 
+#include <google/protobuf/stubs/logging.h>
 #include <grp.h>
 #include <grpc/support/log.h>
 #include <grpcpp/ext/proto_server_reflection_plugin.h>
@@ -11,106 +12,146 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 #include "daemon/log_sink.h"
+#include "daemon/rpc/grpc_status.h"
 #include "daemon/rpc/service.h"
+#include "util/file.h"
 
 namespace reservationd {
 namespace {
 
-// What one client can make the daemon hold, together with the size of a request; and all of them.
+// Requests under way fill at most kMaxCallsPerConnection * max_request_bytes for one connection, and kMaxMemoryBytes
+// for all of them.
 constexpr int kMaxCallsPerConnection = 64;
-constexpr size_t kMaxMemory = size_t{1} << 30;
+constexpr size_t kMaxMemoryBytes = size_t{1} << 30;
 
-// A client that does not answer for so long is taken for gone.
+// A connection is pinged when it has been silent for the first time span, and closed when the second one passes without
+// an answer.
 constexpr int kKeepaliveMillis = 30'000;
 constexpr int kKeepaliveTimeoutMillis = 10'000;
 
-constexpr std::chrono::seconds kShutdownTime{10};
+constexpr std::chrono::seconds kShutdownTimeout{10};    // for calls under way
 
-void Fail(const std::string& path, const std::string& what) {
+void ThrowErrno(const std::string& path, const std::string& what) {
     throw std::system_error(errno, std::generic_category(), path + ": " + what);
 }
 
-void ForwardLog(gpr_log_func_args* record) {
+// ---- Libraries' own log records, which would go to standard error ----
+
+void LogGrpc(gpr_log_func_args* record) {
     if (record->severity == GPR_LOG_SEVERITY_ERROR) WriteLog(kLogWarning, std::string("gRPC: ") + record->message);
+}
+
+void LogProtobuf(google::protobuf::LogLevel level, const char*, int, const std::string& message) {
+    if (level >= google::protobuf::LOGLEVEL_ERROR) WriteLog(kLogWarning, "Protocol Buffers: " + message);
 }
 
 // ---- Unix socket ----
 
-// A socket file that nobody listens on is left from an earlier daemon, and is replaced. Anybody else's stays.
+// A socket file that nobody listens on is left from an earlier daemon, and is replaced. A listener whose queue is full
+// (EAGAIN) is one all the same.
 void CheckSocketIsFree(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof(address.sun_path)) throw std::runtime_error("socket " + path + ": the path is too long");
     path.copy(address.sun_path, path.size());
-    const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (client < 0) Fail(path, "socket");
-    const bool is_in_use = connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (client < 0) ThrowErrno(path, "socket");
+    const bool is_in_use =
+        connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 || errno == EAGAIN;
     close(client);
     if (is_in_use) throw std::runtime_error("socket " + path + ": another process listens on it");
 }
 
 gid_t FindGroup(const std::string& name) {
-    std::array<char, 16 * 1024> buffer{};
+    std::vector<char> buffer(16 * 1024);    // for the names of its members
     group entry{};
     group* found = nullptr;
-    getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+    int error = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+    while (error == ERANGE) {
+        buffer.resize(2 * buffer.size());
+        error = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+    }
+    if (error != 0) throw std::system_error(error, std::generic_category(), "socket-group " + name);
     if (found == nullptr) throw std::runtime_error("socket-group " + name + ": there is no such group");
     return found->gr_gid;
 }
 
-void OpenSocketTo(const std::string& group_name, const std::string& path) {
+void GrantSocketToGroup(const std::string& group_name, const std::string& path) {
     if (group_name.empty()) return;
-    if (chown(path.c_str(), static_cast<uid_t>(-1), FindGroup(group_name)) != 0) Fail(path, "chown");
-    if (chmod(path.c_str(), 0660) != 0) Fail(path, "chmod");
+    if (chown(path.c_str(), static_cast<uid_t>(-1), FindGroup(group_name)) != 0) ThrowErrno(path, "chown");
+    if (chmod(path.c_str(), 0660) != 0) ThrowErrno(path, "chmod");
 }
 
 // ---- TCP ----
 
-std::string ReadFile(const std::string& option, const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    if (!(text << file.rdbuf())) throw std::runtime_error(option + " " + path + ": cannot be read, or is empty");
-    return text.str();
+// Checks the calls of the services that gRPC brings along, health and reflection. The reservation service checks its
+// own.
+class LibraryServiceGuard : public grpc::AuthMetadataProcessor {
+public:
+    explicit LibraryServiceGuard(const AccessControl& access) : access_(access) {}
+
+    bool IsBlocking() const override { return false; }
+
+    grpc::Status Process(const InputMetadata& metadata, grpc::AuthContext* context, OutputMetadata*,
+                         OutputMetadata*) override {
+        const auto path = metadata.find(":path");
+        const std::string_view method =
+            path != metadata.end() ? std::string_view(path->second.data(), path->second.size()) : "";
+        if (method.starts_with(kServicePrefix)) return grpc::Status::OK;
+        return ToGrpc(access_.Check({.is_local = false, .common_name = CommonName(*context)}, PermissionFor(method)));
+    }
+
+private:
+    const AccessControl& access_;
+};
+
+std::string ReadPem(const std::string& option, const std::string& path) {
+    absl::StatusOr<std::string> content = util::ReadWholeFile(path);
+    if (!content.ok()) throw std::runtime_error(option + " " + std::string(content.status().message()));
+    if (content->empty()) throw std::runtime_error(option + " " + path + ": the file is empty");
+    return *std::move(content);
 }
 
-std::shared_ptr<grpc::ServerCredentials> MutualTls(const ServerSettings& settings) {
+std::shared_ptr<grpc::ServerCredentials> MutualTls(const ServerSettings& settings, const AccessControl& access) {
     grpc::SslServerCredentialsOptions options(GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
-    options.pem_root_certs = ReadFile("tls-ca", settings.tls_ca);
+    options.pem_root_certs = ReadPem("tls-ca", settings.tls_ca);
     options.pem_key_cert_pairs.push_back(
-        {ReadFile("tls-key", settings.tls_key), ReadFile("tls-cert", settings.tls_certificate)});
-    return grpc::SslServerCredentials(options);
+        {ReadPem("tls-key", settings.tls_key), ReadPem("tls-cert", settings.tls_certificate)});
+    auto credentials = grpc::SslServerCredentials(options);
+    credentials->SetAuthMetadataProcessor(std::make_shared<LibraryServiceGuard>(access));
+    return credentials;
 }
 
 }    // namespace
 
 struct Server::Listener {
+    const AccessControl access;
     Service service;
     std::unique_ptr<grpc::Server> server;
 
-    Listener(const ServerSettings& settings, Engine& engine)
-        : service(engine, {settings.full_access_names, settings.read_only_names}) {}
+    Listener(const ServerSettings& settings, Engine& engine) : access(settings.access), service(engine, access) {}
 };
 
 Server::Server(const ServerSettings& settings, Engine& engine)
     : listener_(std::make_unique<Listener>(settings, engine)) {
-    gpr_set_log_function(ForwardLog);
+    gpr_set_log_function(LogGrpc);
+    google::protobuf::SetLogHandler(LogProtobuf);
     grpc::EnableDefaultHealthCheckService(true);
     grpc::reflection::InitProtoReflectionServerBuilderPlugin();
 
     grpc::ServerBuilder builder;
     builder.RegisterService(&listener_->service);
     builder.SetMaxReceiveMessageSize(settings.max_request_bytes);
-    builder.SetResourceQuota(grpc::ResourceQuota("reservationd").Resize(kMaxMemory));
+    builder.SetResourceQuota(grpc::ResourceQuota("reservationd").Resize(kMaxMemoryBytes));
     builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, kMaxCallsPerConnection);
     builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, kKeepaliveMillis);
     builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, kKeepaliveTimeoutMillis);
@@ -119,9 +160,11 @@ Server::Server(const ServerSettings& settings, Engine& engine)
         CheckSocketIsFree(settings.socket);
         builder.AddListeningPort("unix:" + settings.socket, grpc::InsecureServerCredentials());
     }
-    if (!settings.tcp_address.empty()) builder.AddListeningPort(settings.tcp_address, MutualTls(settings));
+    if (!settings.tcp_address.empty()) {
+        builder.AddListeningPort(settings.tcp_address, MutualTls(settings, listener_->access));
+    }
 
-    // The socket is born with mode 0600.
+    // The socket is created with mode 0600.
     const mode_t old_mask = umask(0177);
     listener_->server = builder.BuildAndStart();
     umask(old_mask);
@@ -130,11 +173,11 @@ Server::Server(const ServerSettings& settings, Engine& engine)
                                  (settings.socket.empty() || settings.tcp_address.empty() ? "" : " and ") +
                                  settings.tcp_address);
     }
-    OpenSocketTo(settings.socket_group, settings.socket);
+    GrantSocketToGroup(settings.socket_group, settings.socket);
 }
 
 Server::~Server() {
-    if (listener_->server != nullptr) listener_->server->Shutdown(std::chrono::system_clock::now() + kShutdownTime);
+    if (listener_->server != nullptr) listener_->server->Shutdown(std::chrono::system_clock::now() + kShutdownTimeout);
 }
 
 }    // namespace reservationd

@@ -1,13 +1,12 @@
-// Listens for clients, on a Unix socket and with mutual TLS on TCP.
+// Listens for clients, on a Unix socket and with mutual TLS on TCP, and bounds what they can make the daemon hold.
 
 #pragma once
 
-#include <cstdint>
 #include <memory>
-#include <set>
 #include <string>
 
 #include "daemon/engine/engine.h"
+#include "daemon/rpc/access.h"
 
 namespace reservationd {
 
@@ -16,8 +15,7 @@ struct ServerSettings {
     std::string socket_group;    // name; who else may connect to the socket; empty: its owner alone
     std::string tcp_address;    // "host:port"; empty: no TCP
     std::string tls_certificate, tls_key, tls_ca;    // PEM files, for TCP
-    // Common names of the client certificates that may do everything, and of those that may only read.
-    std::set<std::string> full_access_names, read_only_names;
+    AccessLists access;    // for TCP
     int max_request_bytes = 4 << 20;
 };
 

@@ -1,4 +1,4 @@
-// The service as gRPC calls it: checks who asks and what, and leaves the rest to the engine.
+// The reservation service: checks the client's permission, then the request, and hands the call to the engine.
 
 #pragma once
 
@@ -6,27 +6,19 @@
 
 #include <cstdint>
 #include <functional>
-#include <set>
-#include <string>
 
 #include "daemon/engine/engine.h"
+#include "daemon/rpc/access.h"
 #include "reservation/v1/reservation.grpc.pb.h"
 
 namespace reservationd {
 
 namespace v1 = reservation::v1;
 
-// Who may do what over TCP, by the common name of the client's certificate. On the Unix socket everybody may do
-// everything: its mode says who can connect.
-struct AccessRules {
-    std::set<std::string> full_access_names;
-    std::set<std::string> read_only_names;
-};
-
 class Service final : public v1::ReservationService::CallbackService {
 public:
-    // `engine` must outlive the calls.
-    Service(Engine& engine, AccessRules rules);
+    // Both must outlive the calls.
+    Service(Engine& engine, const AccessControl& access);
 
     grpc::ServerUnaryReactor* CreateReservation(grpc::CallbackServerContext* context,
                                                 const v1::CreateReservationRequest* request,
@@ -54,16 +46,15 @@ public:
                                             const v1::GetDaemonInfoRequest* request, v1::DaemonInfo* reply) override;
 
 private:
-    grpc::Status CheckAccess(const grpc::CallbackServerContext& context, bool changes_something) const;
-    grpc::ServerUnaryReactor* Submit(grpc::CallbackServerContext* context, bool changes_something,
-                                     const std::string& fault, std::function<void(ReservationState& state)> run);
+    template <typename Request>
+    grpc::ServerUnaryReactor* Submit(grpc::CallbackServerContext* context, const char* method, const Request& request,
+                                     std::function<void(ReservationState& state)> run);
     template <typename Request, typename Reply>
-    grpc::ServerUnaryReactor* Serve(grpc::CallbackServerContext* context, bool changes_something,
-                                    const Request* request, Reply* reply,
-                                    void (ReservationState::*operation)(const Request&, Reply*));
+    grpc::ServerUnaryReactor* Serve(grpc::CallbackServerContext* context, const char* method, const Request* request,
+                                    Reply* reply, void (ReservationState::*operation)(const Request&, Reply*));
 
     Engine& engine_;
-    const AccessRules rules_;
+    const AccessControl& access_;
     const int64_t started_unix_millis_;
 };
 

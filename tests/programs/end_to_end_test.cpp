@@ -1,5 +1,6 @@
 // The programs as they are run: processes, sockets, signals, and sudden death.
 
+#include <grpcpp/generic/generic_stub.h>
 #include <grpcpp/grpcpp.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -12,6 +13,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iostream>
 #include <iterator>
 #include <map>
@@ -59,6 +61,20 @@ Request RequestFor(const std::string& key) {
     Request request;
     request.set_key(key);
     return request;
+}
+
+// The code with which a method, of any service, answers the bytes of a request.
+grpc::StatusCode CallRaw(const std::shared_ptr<grpc::Channel>& channel, const std::string& method,
+                         const std::string& request) {
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(10));
+    const grpc::Slice slice(request);
+    const grpc::ByteBuffer message(&slice, 1);
+    grpc::ByteBuffer reply;
+    std::promise<grpc::StatusCode> code;
+    grpc::GenericStub(channel).UnaryCall(&context, method, {}, &message, &reply,
+                                         [&](const grpc::Status& status) { code.set_value(status.error_code()); });
+    return code.get_future().get();
 }
 
 std::string Replaced(const std::string& text, const std::string& what, const std::string& with) {
@@ -306,12 +322,13 @@ A     0x1     2  2 of unlimited     2  0x1-0x2
 TEST_F(EndToEndTest, TlsLetsInWhomItsCertificatesName) {
     WriteFile("make-certificates", R"sh(
 make() {
-    openssl req -x509 -noenc -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -subj /CN=$2 \
+    openssl req -x509 -noenc -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -subj $2 \
         -keyout $1.key -out $1.pem $3
 }
 signed_by() { echo -addext subjectAltName=IP:127.0.0.1 -CA $1.pem -CAkey $1.key; }
-cd ${0%/*} && make ca ca && make other-ca other-ca && make forger operator "$(signed_by other-ca)" || exit
-for name in daemon operator viewer stranger; do make $name $name "$(signed_by ca)" || exit; done
+cd ${0%/*} && make ca /CN=ca && make other-ca /CN=other-ca && make forger /CN=operator "$(signed_by other-ca)" &&
+    make nameless /O=operator "$(signed_by ca)" || exit
+for name in daemon operator viewer stranger; do make $name /CN=$name "$(signed_by ca)" || exit; done
 )sh");
     ASSERT_EQ(Program({"sh", Path("make-certificates")}).Wait(), 0);
     const std::string address = "127.0.0.1:" + std::to_string(20'000 + getpid() % 10'000);
@@ -330,6 +347,32 @@ for name in daemon operator viewer stranger; do make $name $name "$(signed_by ca
     EXPECT_EQ(run_as("viewer", "delete A"), denied + "'viewer' allows reading only\nexit 1\n");
     EXPECT_EQ(run_as("stranger", "list"), denied + "'stranger' allows nothing here\nexit 1\n");
     EXPECT_TRUE(run_as("forger", "list").ends_with("\nexit 3\n"));
+
+    const std::string service = "/reservation.v1.ReservationService/";
+    const std::map<std::string, bool> may_be_called_by_readers = {
+        {service + "CreateReservation", false},
+        {service + "UpdateReservation", false},
+        {service + "DeleteReservation", false},
+        {service + "GetReservations", true},
+        {service + "BeginJob", false},
+        {service + "EndJob", false},
+        {service + "ListJobs", true},
+        {service + "ReportPort", false},
+        {service + "Watch", true},
+        {service + "GetDaemonInfo", true},
+        {"/grpc.health.v1.Health/Check", true},
+        {"/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo", true},
+        {"/unknown.Service/Method", false}};
+    for (const std::string name : {"operator", "viewer", "stranger", "nameless"}) {
+        const auto channel =
+            grpc::CreateChannel(address, grpc::SslCredentials({Content(Path("ca.pem")), Content(Path(name + ".key")),
+                                                               Content(Path(name + ".pem"))}));
+        for (const auto& [method, may_read] : may_be_called_by_readers) {
+            // Field 1 is 9: an event that is not there for Watch, so that its stream ends.
+            const bool is_denied = CallRaw(channel, method, "\x08\x09") == grpc::StatusCode::PERMISSION_DENIED;
+            EXPECT_EQ(is_denied, !(name == "operator" || (name == "viewer" && may_read))) << name << " " << method;
+        }
+    }
 
     const std::string ca = Content(Path("ca.pem"));
     for (const auto& credentials : {grpc::InsecureChannelCredentials(), grpc::SslCredentials({ca, "", ""})}) {

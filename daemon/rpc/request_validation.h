@@ -1,0 +1,25 @@
+// Refuses malformed requests before the manager sees them.
+
+#pragma once
+
+#include <absl/status/status.h>
+
+#include "reservation/v1/reservation.pb.h"
+
+namespace reservationd {
+
+namespace v1 = reservation::v1;
+
+// Each returns OK, or INVALID_ARGUMENT with a message that names the first field at fault and its value. An empty key
+// is left to the manager to refuse.
+absl::Status ValidateRequest(const v1::CreateReservationRequest& request);
+absl::Status ValidateRequest(const v1::UpdateReservationRequest& request);
+absl::Status ValidateRequest(const v1::DeleteReservationRequest& request);
+absl::Status ValidateRequest(const v1::GetReservationsRequest& request);
+absl::Status ValidateRequest(const v1::BeginJobRequest& request);
+absl::Status ValidateRequest(const v1::EndJobRequest& request);
+absl::Status ValidateRequest(const v1::ListJobsRequest& request);
+absl::Status ValidateRequest(const v1::ReportPortRequest& request);
+absl::Status ValidateRequest(const v1::GetDaemonInfoRequest& request);
+
+}    // namespace reservationd

@@ -1,0 +1,63 @@
+#include "daemon/rpc/watcher.h"
+
+#include <absl/strings/str_cat.h>
+
+#include <utility>
+
+namespace reservationd {
+
+void Watcher::Start(uint64_t from_sequence) {
+    const absl::MutexLock lock(&mutex_);
+    self_ = shared_from_this();
+    next_ = from_sequence != 0 ? from_sequence : log_.newest() + 1;
+    if (next_ < log_.oldest() || next_ > log_.newest() + 1) return EndOutOfRange();
+    event_.set_sequence(next_);
+    StartWrite(&event_);
+}
+
+void Watcher::OnWriteDone(bool ok) {
+    const absl::MutexLock lock(&mutex_);
+    if (!ok) return End(grpc::Status::CANCELLED);
+    SendNext();
+}
+
+void Watcher::OnCancel() {
+    const absl::MutexLock lock(&mutex_);
+    if (!is_waiting_) return;    // OnWriteDone will be told
+    log_.Forget(self_);
+    End(grpc::Status::CANCELLED);
+}
+
+void Watcher::OnDone() { const std::shared_ptr<Watcher> last = std::move(self_); }
+
+void Watcher::Wake() {
+    const absl::MutexLock lock(&mutex_);
+    if (!is_ended_) SendNext();
+}
+
+void Watcher::SendNext() {
+    is_waiting_ = false;
+    switch (log_.Read(next_, &event_, self_)) {
+        case EventLog::Outcome::kEvent:
+            ++next_;
+            return StartWrite(&event_);
+        case EventLog::Outcome::kNotYet:
+            is_waiting_ = true;
+            return;
+        case EventLog::Outcome::kGone:
+            return EndOutOfRange();
+        case EventLog::Outcome::kClosed:
+            return End({grpc::StatusCode::UNAVAILABLE, "the daemon is stopping"});
+    }
+}
+
+void Watcher::End(const grpc::Status& status) {
+    if (!std::exchange(is_ended_, true)) Finish(status);
+}
+
+void Watcher::EndOutOfRange() {
+    End({grpc::StatusCode::OUT_OF_RANGE, absl::StrCat("event ", next_, " is not there; the oldest one kept is ",
+                                                      log_.oldest(), ", the next one to happen ", log_.newest() + 1)});
+}
+
+}    // namespace reservationd

@@ -1,0 +1,50 @@
+// The stream of a Watch call.
+
+#pragma once
+
+#include <absl/base/thread_annotations.h>
+#include <absl/synchronization/mutex.h>
+#include <grpcpp/grpcpp.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "daemon/engine/event_log.h"
+#include "reservation/v1/reservation.pb.h"
+
+namespace reservationd {
+
+namespace v1 = reservation::v1;
+
+// Sends events to one client as fast as it takes them, one at a time, so that a slow client holds the memory of one. It
+// owns itself until gRPC is done with it.
+class Watcher : public grpc::ServerWriteReactor<v1::Event>,
+                public EventLog::Reader,
+                public std::enable_shared_from_this<Watcher> {
+public:
+    // `log` must outlive the call.
+    explicit Watcher(EventLog& log) : log_(log) {}
+
+    // Starts at the event with this number; at 0 with the next one to happen.
+    void Start(uint64_t from_sequence);
+
+    void OnWriteDone(bool ok) override;
+    void OnCancel() override;
+    void OnDone() override;
+    void Wake() override;
+
+private:
+    void SendNext() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+    void End(const grpc::Status& status) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+    void EndOutOfRange() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+
+    EventLog& log_;
+    std::shared_ptr<Watcher> self_;    // set by Start, released by OnDone
+    absl::Mutex mutex_;
+    v1::Event event_ ABSL_GUARDED_BY(mutex_);    // being sent
+    uint64_t next_ ABSL_GUARDED_BY(mutex_) = 0;    // number of the event to send
+    bool is_waiting_ ABSL_GUARDED_BY(mutex_) = false;    // the log will call Wake
+    bool is_ended_ ABSL_GUARDED_BY(mutex_) = false;
+};
+
+}    // namespace reservationd

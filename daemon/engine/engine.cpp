@@ -1,5 +1,6 @@
 #include "daemon/engine/engine.h"
 
+#include <absl/strings/str_cat.h>
 #include <absl/time/time.h>
 
 #include <algorithm>
@@ -7,12 +8,14 @@
 #include <exception>
 #include <filesystem>
 #include <iterator>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include "daemon/log_sink.h"
+#include "daemon/state/packed_record.h"
 #include "daemon/storage/sqlite_store.h"
 #include "host/log.h"
 
@@ -22,8 +25,9 @@ namespace {
 
 constexpr size_t kMaxQueuedCalls = 10'000;
 constexpr size_t kMaxBatch = 256;
-constexpr size_t kMaxKeysCleanedAtOnce = 64;
 constexpr absl::Duration kIdleTime = absl::Seconds(1);
+constexpr size_t kMaxFileSize = size_t{64}
+                                << 20;    // of a file that the daemon did not write; more than 2 million GUIDs
 
 const std::string& MakeDirectory(const std::string& dir) {
     std::error_code error;
@@ -32,8 +36,15 @@ const std::string& MakeDirectory(const std::string& dir) {
     return dir;
 }
 
-std::optional<std::string> TextOf(const std::optional<StoredReservation>& reservation) {
-    return reservation ? std::optional(reservation->packed) : std::nullopt;
+// Whether the options tell to keep what is stored. Otherwise the start deletes it.
+bool KeepsReservations(const OptionInfo& options) {
+    return options.load_persistent_reservations && !(options.reservation_mode && options.reservation_auto_by_pkeys);
+}
+
+// The first line of every reservation file.
+std::string FirstLineOfFiles() {
+    const std::string packed = PackRecord({});
+    return packed.substr(0, packed.find('\n') + 1);
 }
 
 }    // namespace
@@ -46,72 +57,127 @@ Engine::Engine(const EngineSettings& settings)
       lock_(dir_),
       store_(std::make_unique<SqliteStore>(dir_ + "/reservationd.sqlite", settings.durability, settings.kept_events)),
       files_(dir_),
+      journal_(dir_ + "/mirror.sqlite", store_->identity()),
+      mirror_(std::make_unique<FileMirror>(files_, journal_)),
       events_(settings.kept_events) {
     log_set_level(settings_.log_level);
-    Load();
+    Recover();
     thread_ = std::thread(&Engine::Run, this);
 }
 
-// The store knows what was acknowledged. A file that may be older than that is removed unread; any other good one is
-// right, or an operator's.
-void Engine::Load() {
-    LoadEvents();
-    const std::map<std::string, StoredReservation> stored = store_->ReadReservations();
-    const std::set<std::string> dirty_keys = store_->ReadDirtyKeys();
-    state_ = MakeState(dir_);
-    if (state_->LoadsFiles()) PrepareFiles(stored, dirty_keys);
-    state_->Load(files_.staging_dir(), stored);
+void Engine::Recover() {
+    const DamagedRows damaged = store_->SetDamagedAside();
+    StoreContents contents = store_->Read();
+    LoadEvents(contents, damaged);
+    const RecoveryPlan plan = MakePlan(contents, damaged);
+    SetFilesAside(plan);
+    journal_.Start(plan.confirmed);
+    LoadReservations(contents, damaged, plan);
     Commit();
-
-    std::set<std::string> keys = dirty_keys;
-    for (const auto& [key, reservation] : store_->ReadReservations()) keys.insert(key);
-    for (const std::string& key : keys) {
-        const std::optional<std::string> record = TextOf(state_->Packed(key));
-        if (!files_.Holds(key, record)) {
-            dirty_keys_[key] = WriteFile(key, record);
-        } else if (dirty_keys.contains(key)) {
-            dirty_keys_[key] = true;
-        }
-    }
+    CorrectFiles(contents, plan);
 }
 
-void Engine::LoadEvents() {
+// A damaged event is replaced by one that only has its number, so that the others keep theirs.
+void Engine::LoadEvents(StoreContents& contents, const DamagedRows& damaged) {
+    StoreChanges replacements;
+    for (const uint64_t sequence : damaged.event_sequences) {
+        WriteLog(kLogWarning, absl::StrCat(dir_, ": stored event ", sequence, " is damaged and set aside"));
+        v1::Event event;
+        event.set_sequence(sequence);
+        event.set_reason("the event is lost: it was damaged in the store");
+        contents.events[sequence] = replacements.events[sequence] = event.SerializeAsString();
+    }
+    if (!replacements.empty()) store_->Commit(replacements);
     std::vector<v1::Event> events;
-    for (const auto& [sequence, packed] : store_->ReadEvents()) {
+    for (const auto& [sequence, packed] : contents.events) {
+        if (!events.empty() && events.back().sequence() + 1 != sequence) events.clear();
         if (!events.emplace_back().ParseFromString(packed)) {
-            throw std::runtime_error(dir_ + ": stored event " + std::to_string(sequence) + " is damaged");
+            throw std::runtime_error(absl::StrCat(dir_, ": stored event ", sequence, " cannot be read"));
         }
     }
     events_.Append(events);
 }
 
-void Engine::PrepareFiles(const std::map<std::string, StoredReservation>& stored,
-                          const std::set<std::string>& dirty_keys) {
-    for (const std::string& key : dirty_keys) {
-        const auto found = stored.find(key);
-        const bool is_stored = found != stored.end();
-        const bool is_right = files_.Holds(key, is_stored ? std::optional(found->second.packed) : std::nullopt);
-        if (!is_right) WriteFile(key, std::nullopt);
+RecoveryPlan Engine::MakePlan(const StoreContents& contents, const DamagedRows& damaged) {
+    const std::vector<FoundFile> files = files_.List();
+    if (!KeepsReservations(settings_.options)) {
+        RecoveryPlan plan;
+        for (const FoundFile& file : files) {
+            plan.keys_to_remove.insert(KeyInFileName(file.name));
+        }
+        return plan;
     }
-    std::set<std::string> stored_keys;
-    for (const auto& [key, reservation] : stored) stored_keys.insert(key);
-    ReservationState key_reader(settings_.options, {});
-    files_.PrepareToLoad(stored_keys, [&](const std::string& path) { return key_reader.KeyInFile(path); });
+    const auto read = [&, first_line = FirstLineOfFiles()](const FoundFile& file) {
+        const auto stored = contents.reservations.find(KeyInFileName(file.name));
+        const size_t stored_size = stored != contents.reservations.end() ? stored->second.packed.size() : 0;
+        return files_.Read(file.name, std::max(kMaxFileSize, stored_size), first_line);
+    };
+    return PlanRecovery({contents.reservations,
+                         {damaged.reservation_keys.begin(), damaged.reservation_keys.end()},
+                         journal_.Read(),
+                         journal_.trust(),
+                         files,
+                         read});
 }
 
-std::unique_ptr<ReservationState> Engine::MakeState(const std::string& dir) {
-    OptionInfo options = settings_.options;
-    options.persistent_dir = dir;
+void Engine::SetFilesAside(const RecoveryPlan& plan) {
+    for (const FileToSetAside& file : plan.set_aside) {
+        const std::string path = files_.SetAside(file.name);
+        WriteLog(kLogWarning,
+                 absl::StrCat("Reservation file ", dir_, "/", file.name, " ", file.reason, ". It is moved to ", path));
+    }
+}
+
+void Engine::LoadReservations(const StoreContents& contents, const DamagedRows& damaged, const RecoveryPlan& plan) {
+    state_ = MakeState(contents);
+    for (const uint64_t job_id : damaged.job_ids) {
+        WriteLog(kLogWarning, absl::StrCat(dir_, ": stored job ", job_id, " is damaged and set aside"));
+    }
+    for (const auto& [key, reservation] : contents.reservations) {
+        if (!KeepsReservations(settings_.options)) {
+            state_->Drop(key);
+        } else if (!plan.taken.contains(key)) {
+            state_->Restore(key, reservation);
+        }
+    }
+    const std::set<std::string> lost_keys(damaged.reservation_keys.begin(), damaged.reservation_keys.end());
+    for (const auto& [key, packed] : plan.taken) {
+        const auto stored = contents.reservations.find(key);
+        const bool was_there = stored != contents.reservations.end() || lost_keys.contains(key);
+        state_->Adopt(key, packed, stored != contents.reservations.end() ? stored->second.id : 0,
+                      was_there ? v1::Event::KIND_RESERVATION_UPDATED : v1::Event::KIND_RESERVATION_CREATED);
+    }
+    for (const std::string& key : lost_keys) {
+        const bool is_back = plan.taken.contains(key);
+        WriteLog(kLogWarning, absl::StrCat(dir_, ": stored reservation ", key, " is damaged and set aside; ",
+                                           is_back ? "its file has taken its place" : "no good file has it"));
+        if (!is_back) state_->Drop(key);
+    }
+}
+
+void Engine::CorrectFiles(const StoreContents& contents, const RecoveryPlan& plan) {
+    std::map<std::string, FileText> texts;
+    for (const std::string& key : plan.keys_to_remove) texts[key] = nullptr;
+    for (const std::string& key : plan.keys_to_write) {
+        if (plan.taken.contains(key)) continue;    // committed, and so on its way
+        texts[key] = std::make_shared<const std::string>(contents.reservations.at(key).packed);
+    }
+    mirror_->Put(texts);
+}
+
+// Returns a state with the stored jobs, and no reservations yet.
+std::unique_ptr<ReservationState> Engine::MakeState(const StoreContents& contents) {
     const auto log = [](const LogRecord& record) { WriteLog(record); };
-    auto state = std::make_unique<ReservationState>(options, log, failed_requests_);
-    for (const auto& [job_id, job] : store_->ReadJobs()) state->AddJob(job_id, job);
+    auto state = std::make_unique<ReservationState>(settings_.options, log, failed_requests_);
+    for (const auto& [job_id, job] : contents.jobs) state->AddJob(job_id, job);
     return state;
 }
 
 // Makes the state what the store says.
 void Engine::RestoreState() {
-    state_ = MakeState(files_.staging_dir());
-    for (const auto& [key, reservation] : store_->ReadReservations()) state_->Restore(key, reservation);
+    const StoreContents contents = store_->Read();
+    state_ = MakeState(contents);
+    for (const auto& [key, reservation] : contents.reservations) state_->Restore(key, reservation);
 }
 
 // ---- Any thread ----
@@ -148,6 +214,13 @@ void Engine::Stop() {
 Engine::~Engine() {
     Stop();
     thread_.join();
+    mirror_.reset();
+    try {
+        files_.Sync();
+        journal_.Close();
+    } catch (const std::exception& error) {
+        WriteLog(kLogWarning, std::string("The next start reads every reservation file: ") + error.what());
+    }
 }
 
 // ---- The engine's thread ----
@@ -156,13 +229,12 @@ void Engine::Run() try {
     std::vector<Call> batch;
     while (WaitForBatch(batch)) {
         if (batch.empty()) {
-            if (store_is_writable_ || ProbeStore().empty()) CleanKeys(kMaxKeysCleanedAtOnce);
+            if (!store_is_writable_) ProbeStore();
         } else {
             RunAndAnswer(batch);
         }
         batch.clear();
     }
-    CleanKeys(dirty_keys_.size());
 } catch (const std::exception& error) {
     // Nobody knows what the memory holds now, but the store does: a new process takes it up from there.
     WriteLog(kLogError, std::string("The daemon gives up: ") + error.what());
@@ -172,7 +244,7 @@ void Engine::Run() try {
 // Waits for calls, and takes the oldest ones. Leaves `batch` empty when none came and there is something else to do.
 // False: the engine is to stop.
 bool Engine::WaitForBatch(std::vector<Call>& batch) {
-    const absl::Duration timeout = dirty_keys_.empty() && store_is_writable_ ? absl::InfiniteDuration() : kIdleTime;
+    const absl::Duration timeout = store_is_writable_ ? absl::InfiniteDuration() : kIdleTime;
     std::optional<EngineSettings> new_settings;
     bool goes_on = true;
     {
@@ -195,8 +267,10 @@ void Engine::ApplySettings(const EngineSettings& settings) {
     settings_.options.load_persistent_reservations = old_options.load_persistent_reservations;
     settings_.options.reservation_auto_by_pkeys = old_options.reservation_auto_by_pkeys;
     log_set_level(settings.log_level);
-    // What reservations and HCAs derive from the options is derived again.
+    // What reservations and HCAs derive from the options is derived again. Jobs may end by that.
     RestoreState();
+    std::vector<Call> none;
+    ExecuteBatch(none);
 }
 
 void Engine::RunAndAnswer(std::vector<Call>& batch) {
@@ -217,6 +291,7 @@ std::string Engine::ExecuteBatch(std::vector<Call>& batch) {
         const std::string fault = ProbeStore();
         if (!fault.empty()) return fault;
     }
+    if (!is_reading) mirror_->WaitForRoom();
     try {
         for (Call& call : batch) call.run(*state_);
         Commit();
@@ -229,28 +304,30 @@ std::string Engine::ExecuteBatch(std::vector<Call>& batch) {
 
 void Engine::Commit() {
     StateChanges changes = state_->TakeChanges();
-    StoreChanges stored;
-    for (const std::string& key : changes.keys) stored.reservations.emplace(key, state_->Packed(key));
-    for (const uint64_t job_id : changes.job_ids) stored.jobs.emplace(job_id, state_->PackedJob(job_id));
+    StoreChanges stored{std::move(changes.reservations), std::move(changes.jobs), {}};
     uint64_t sequence = events_.newest();
     for (v1::Event& event : changes.events) {
         event.set_sequence(++sequence);
-        stored.events.emplace_back(sequence, event.SerializeAsString());
+        stored.events.emplace_hint(stored.events.end(), sequence, event.SerializeAsString());
     }
     if (!stored.empty()) store_->Commit(stored);
-    PublishCommitted(stored, changes);
+    PublishCommitted(std::move(stored), changes.events);
 }
 
-// Publishes a committed batch: files, then events. Nothing may fail here, as the commit cannot be taken back.
-void Engine::PublishCommitted(const StoreChanges& stored, const StateChanges& changes) noexcept {
+// Publishes a committed batch, to the mirror and to watchers. Nothing may fail here, as the commit cannot be taken
+// back.
+void Engine::PublishCommitted(StoreChanges stored, const std::vector<v1::Event>& events) noexcept {
     failed_requests_ = state_->failed_requests();
-    for (const auto& [key, reservation] : stored.reservations) dirty_keys_[key] = WriteFile(key, TextOf(reservation));
-    events_.Append(changes.events);
+    std::map<std::string, FileText> texts;
+    for (auto& [key, reservation] : stored.reservations) {
+        texts[key] = reservation ? std::make_shared<const std::string>(std::move(reservation->packed)) : nullptr;
+    }
+    if (!texts.empty()) mirror_->Put(texts);
+    events_.Append(events);
 }
 
 void Engine::RollBack(const std::string& reason) {
     WriteLog(kLogError, "Changes are taken back: " + reason);
-    files_.EmptyStaging();
     RestoreState();
     // Writing over what a failed commit may have left in the log of the database, so that no recovery finds it.
     ProbeStore();
@@ -272,44 +349,10 @@ std::string Engine::ProbeStore() {
     return fault;
 }
 
-// Makes the key's file what has been committed. False: it could not be.
-bool Engine::WriteFile(const std::string& key, const std::optional<std::string>& record) try {
-    files_.Write(key, record);
-    return true;
-} catch (const std::system_error& error) {
-    if (!std::exchange(files_failed_, true)) {
-        WriteLog(kLogWarning, std::string("Reservation files fall behind the store: ") + error.what());
-    }
-    return false;
-}
-
-// Writes the files of up to `max_keys` dirty keys that are not written yet, and takes the marks off those that are.
-void Engine::CleanKeys(size_t max_keys) try {
-    StoreChanges changes;
-    bool all_are_written = true;
-    for (auto& [key, is_written] : dirty_keys_) {
-        if (changes.clean_keys.size() == max_keys) break;
-        if (!is_written && all_are_written) is_written = WriteFile(key, TextOf(state_->Packed(key)));
-        if (is_written) changes.clean_keys.insert(key);
-        all_are_written = all_are_written && is_written;
-    }
-    if (changes.empty()) return;
-    if (settings_.durability == Durability::kMachine) files_.Sync(changes.clean_keys);
-    store_->Commit(changes);
-    for (const std::string& key : changes.clean_keys) dirty_keys_.erase(key);
-    if (dirty_keys_.empty() && std::exchange(files_failed_, false)) {
-        WriteLog(kLogInfo, "Reservation files have caught up with the store");
-    }
-} catch (const StoreError&) {
-    store_is_writable_ = false;    // to be probed, and then tried again
-} catch (const std::system_error& error) {
-    WriteLog(kLogWarning, std::string("Reservation files cannot be settled: ") + error.what());
-}
-
 void Engine::Describe(v1::DaemonInfo* info) const {
     state_->Describe(info);
     info->set_persistent_dir(dir_);
-    info->set_durability(settings_.durability == Durability::kMachine ? "machine" : "process");
+    info->set_durability(store_->durability() == Durability::kMachine ? "machine" : "process");
     info->set_last_sequence(events_.newest());
     info->set_oldest_sequence(events_.oldest());
     info->set_store_writable(store_is_writable_);

@@ -8,17 +8,18 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "daemon/engine/event_log.h"
+#include "daemon/engine/recovery.h"
 #include "daemon/state/reservation_state.h"
 #include "daemon/storage/directory_lock.h"
+#include "daemon/storage/file_mirror.h"
+#include "daemon/storage/mirror_journal.h"
 #include "daemon/storage/reservation_files.h"
 #include "daemon/storage/store.h"
 #include "host/option_info.h"
@@ -62,7 +63,7 @@ public:
     // std::exception, with a message that names the file, when any of this fails.
     explicit Engine(const EngineSettings& settings);
 
-    // Carries out what has been submitted, and stops.
+    // Runs the calls that have been submitted, writes the files that are due, and stops.
     ~Engine();
 
     // Hands a call over, from any thread. Calls are carried out in the order of their arrival.
@@ -83,11 +84,14 @@ public:
     EventLog& events() { return events_; }
 
 private:
-    void Load();
-    void LoadEvents();
-    void PrepareFiles(const std::map<std::string, StoredReservation>& stored, const std::set<std::string>& dirty_keys);
+    void Recover();
+    void LoadEvents(StoreContents& contents, const DamagedRows& damaged);
+    RecoveryPlan MakePlan(const StoreContents& contents, const DamagedRows& damaged);
+    void SetFilesAside(const RecoveryPlan& plan);
+    void LoadReservations(const StoreContents& contents, const DamagedRows& damaged, const RecoveryPlan& plan);
+    void CorrectFiles(const StoreContents& contents, const RecoveryPlan& plan);
+    std::unique_ptr<ReservationState> MakeState(const StoreContents& contents);
     void RestoreState();
-    std::unique_ptr<ReservationState> MakeState(const std::string& dir);
 
     void Run();
     bool WaitForBatch(std::vector<Call>& batch);
@@ -97,22 +101,20 @@ private:
     std::string ExecuteBatch(std::vector<Call>& batch);
     std::string ProbeStore();
     void Commit();
-    void PublishCommitted(const StoreChanges& stored, const StateChanges& changes) noexcept;
+    void PublishCommitted(StoreChanges stored, const std::vector<v1::Event>& events) noexcept;
     void RollBack(const std::string& reason);
-    bool WriteFile(const std::string& key, const std::optional<std::string>& record);
-    void CleanKeys(size_t max_keys);
 
     EngineSettings settings_;
     const std::string dir_;
     DirectoryLock lock_;
     const std::unique_ptr<Store> store_;
     ReservationFiles files_;
+    MirrorJournal journal_;
+    std::unique_ptr<FileMirror> mirror_;    // null when it has written its last
     EventLog events_;
     std::unique_ptr<ReservationState> state_;
     uint64_t failed_requests_ = 0;    // as of the last commit
     bool store_is_writable_ = true;    // outcome of the last write; while false, changes are refused
-    std::map<std::string, bool> dirty_keys_;    // the store's; true: the file has been written since
-    bool files_failed_ = false;    // a file could not be written, and some key is still dirty
 
     absl::Mutex mutex_;
     std::deque<Call> calls_ ABSL_GUARDED_BY(mutex_);

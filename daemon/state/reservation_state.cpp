@@ -8,7 +8,6 @@
 
 #include "daemon/state/packed_record.h"
 #include "daemon/state/request_records.h"
-#include "host/dov_msg.h"
 
 namespace reservationd {
 
@@ -25,16 +24,41 @@ bool HasKeyOnly(const vesk_reservation_info& entry) {
            std::all_of(std::begin(entry.limits), std::end(entry.limits), [](uint32_t limit) { return limit == 0; });
 }
 
-std::unique_ptr<ReservationInfo> Unpack(const std::string& key, const StoredReservation& stored) {
-    std::unique_ptr<ReservationInfo> info = UnpackRecord(stored.packed);
-    if (info == nullptr) throw std::runtime_error("stored reservation " + key + " is damaged");
-    return info;
+std::unique_ptr<ReservationInfo> Unpack(const std::string& key, const std::string& packed) {
+    std::unique_ptr<ReservationInfo> reservation = UnpackRecord(packed);
+    if (reservation == nullptr) throw std::runtime_error("stored reservation " + key + " is damaged");
+    return reservation;
 }
 
 }    // namespace
 
+// The manager, with what it would write to files noted as changes instead.
+class ReservationState::RecordingManager final : public ReservationManager {
+public:
+    RecordingManager(CommandManager* manager, StateChanges& changes) : ReservationManager(manager), changes_(changes) {}
+
+    void CreateReservationInfoFile(const vesk_reservation_info& info, const std::string&) override {
+        const uint64_t id = GetReservationInfoByKey(info.reservation_key)->reservation_id;
+        changes_.reservations.insert_or_assign(info.reservation_key, StoredReservation{PackRecord(info), id});
+    }
+
+    void UpdateReservationInfoFile(const vesk_reservation_info& info, const std::string& dir) override {
+        CreateReservationInfoFile(info, dir);
+    }
+
+    void DeleteReservationInfoFile(const vesk_reservation_info& info, const std::string&) override {
+        changes_.reservations.insert_or_assign(info.reservation_key, std::nullopt);
+    }
+
+private:
+    StateChanges& changes_;
+};
+
 ReservationState::ReservationState(const OptionInfo& options, LogFunction log, uint64_t failed_requests)
-    : context_{options, Fabric{failed_requests}, this, std::move(log), ""}, manager_(this) {}
+    : context_{options, Fabric{failed_requests}, this, std::move(log), ""},
+      manager_(new RecordingManager(this, changes_)) {}
+
+ReservationState::~ReservationState() = default;
 
 // ---- Requests about reservations ----
 
@@ -48,11 +72,10 @@ void ReservationState::RunRequest(v1::ReservationReply* reply, const WantedChang
     operation();
     if (reply->status() != v1::STATUS_SUCCESS) {
         reply->set_reason(context_.reason);
-        v1::Conflict conflict = FindConflict(manager_, reply->status(), change);
+        v1::Conflict conflict = FindConflict(*manager_, reply->status(), change);
         if (conflict.ByteSizeLong() > 0) *reply->mutable_conflict() = std::move(conflict);
         return;
     }
-    if (manager_.reservations.contains(change.key)) changes_.keys.insert(change.key);
     DescribeConsequences(change.key, num_events, reply);
 }
 
@@ -73,14 +96,14 @@ void ReservationState::CreateReservation(const v1::CreateReservationRequest& req
     if (request.dry_run()) return DryRun(&ReservationState::CreateReservation, request, request.guids(), reply);
 
     WantedChange change{request.key(), Sorted(request.guids()), {}};
-    const ReservationInfo* const existing = manager_.GetReservationInfoByKey(request.key());
+    const ReservationInfo* const existing = manager_->GetReservationInfoByKey(request.key());
     if (existing != nullptr) {
         const vesk_reservation_info& info = existing->info;
         std::set_difference(info.guids, info.guids + info.num_guids, change.added_guids.begin(),
                             change.added_guids.end(), std::back_inserter(change.removed_guids));
     }
     const vesk_create_reservation record = ToRecord(request, change.added_guids);
-    RunRequest(reply, change, [&] { manager_.CreateReservation(record, nullptr, 0); });
+    RunRequest(reply, change, [&] { manager_->CreateReservation(record, nullptr, 0); });
 }
 
 void ReservationState::UpdateReservation(const v1::UpdateReservationRequest& request, v1::ReservationReply* reply) {
@@ -88,21 +111,21 @@ void ReservationState::UpdateReservation(const v1::UpdateReservationRequest& req
 
     WantedChange change{request.key(), Sorted(request.add_guids()), Sorted(request.remove_guids())};
     const vesk_update_reservation_by_delta record = ToRecord(request, change.added_guids, change.removed_guids);
-    RunRequest(reply, change, [&] { manager_.UpdateReservationByDelta(record, nullptr, 0); });
+    RunRequest(reply, change, [&] { manager_->UpdateReservationByDelta(record, nullptr, 0); });
 }
 
 void ReservationState::DeleteReservation(const v1::DeleteReservationRequest& request, v1::ReservationReply* reply) {
     if (request.dry_run()) return DryRun(&ReservationState::DeleteReservation, request, {}, reply);
 
     const vesk_delete_reservation record = ToRecord(request);
-    RunRequest(reply, {request.key(), {}, {}}, [&] { manager_.DeleteReservation(record, nullptr, 0); });
+    RunRequest(reply, {request.key(), {}, {}}, [&] { manager_->DeleteReservation(record, nullptr, 0); });
 }
 
 void ReservationState::GetReservations(const v1::GetReservationsRequest& request, v1::ReservationReply* reply) {
     const ManagerScope scope(context_);
     reply_ = reply;
     with_details_ = request.with_details();
-    manager_.ReservationInfoRequest(ToRecord(request), nullptr, 0);
+    manager_->ReservationInfoRequest(ToRecord(request), nullptr, 0);
     with_details_ = true;
     if (reply->status() != v1::STATUS_SUCCESS) reply->set_reason(context_.reason);
 }
@@ -125,14 +148,14 @@ std::unique_ptr<ReservationState> ReservationState::MakeScratchCopy(
         const ReservationInfo* const owner = OwnerOf(guid);
         if (owner != nullptr) keys.insert(owner->info.reservation_key);
     }
-    OptionInfo options = context_.options;
-    options.persistent_dir = "/dev/null";    // no file can be written in there
-    auto copy = std::make_unique<ReservationState>(options, nullptr);
+    auto copy = std::make_unique<ReservationState>(context_.options, nullptr);
     for (const std::string& key : keys) {
         for (const auto& [job_id, job] : jobs_.OfReservation(key)) {
             copy->jobs_.Insert(std::make_unique<Job>(job->description));
         }
-        if (const auto stored = Packed(key)) copy->Restore(key, *stored);
+        const ReservationInfo* const reservation = manager_->GetReservationInfoByKey(key);
+        if (reservation == nullptr) continue;
+        copy->Enter(std::make_unique<ReservationInfo>(&reservation->info), reservation->reservation_id);
     }
     return copy;
 }
@@ -149,8 +172,8 @@ void ReservationState::Describe(const vesk_reservation_info& entry, v1::Reservat
     DescribeSummary(entry, reservation);
     if (!with_details_ || HasKeyOnly(entry)) return;
     DescribeDetails(entry, reservation);
-    const auto found = manager_.reservations.find(entry.reservation_key);
-    if (entry.state == VESK_STATE_NONE || found == manager_.reservations.end()) return;
+    const auto found = manager_->reservations.find(entry.reservation_key);
+    if (entry.state == VESK_STATE_NONE || found == manager_->reservations.end()) return;
     const ReservationInfo& info = *found->second;
     reservation->set_id(info.reservation_id);
     reservation->set_max_trees(info.max_trees);
@@ -197,7 +220,7 @@ void ReservationState::ReplyToRepeatedBegin(const v1::Job& running, const v1::Jo
 v1::BeginJobReply::Result ReservationState::Admit(std::unique_ptr<Job> job, v1::BeginJobReply* reply) {
     const ManagerScope scope(context_);
     VeskJob* const vesk_job = &job->vesk_job;
-    ReservationInfo* const reservation = manager_.GetReservationByJob(vesk_job);
+    ReservationInfo* const reservation = manager_->GetReservationByJob(vesk_job);
     if (reservation == nullptr) {
         reply->set_reason(context_.reason);
         return v1::BeginJobReply::RESULT_NO_RESERVATION;
@@ -208,15 +231,15 @@ v1::BeginJobReply::Result ReservationState::Admit(std::unique_ptr<Job> job, v1::
     vesk_job->ext_job_id = {description.job_id(), description.reservation_id(), description.reservation_key()};
 
     JobResource resource{static_cast<uint16_t>(description.planes() * description.trees())};
-    if (manager_.ValidateReservationResources(reservation, resource, vesk_job) != 0) {
+    if (manager_->ValidateReservationResources(reservation, resource, vesk_job) != 0) {
         reply->set_reason(context_.reason);
         return v1::BeginJobReply::RESULT_LIMIT_EXCEEDED;
     }
     reply->set_reservation_key(description.reservation_key());
     reply->set_reservation_id(description.reservation_id());
-    changes_.job_ids.insert(description.job_id());
+    changed_job_ids_.insert(description.job_id());
     jobs_.Insert(std::move(job));
-    manager_.AddJob(reservation, vesk_job);
+    manager_->AddJob(reservation, vesk_job);
     return v1::BeginJobReply::RESULT_ADMITTED;
 }
 
@@ -226,7 +249,7 @@ void ReservationState::EndJob(const v1::EndJobRequest& request, v1::EndJobReply*
     if (job == nullptr) return;
     reply->set_was_running(true);
     if (!job->vesk_job.reservation_accounted) return;
-    manager_.RemoveJob(manager_.GetReservationInfoByKey(job->description.reservation_key()), &job->vesk_job);
+    manager_->RemoveJob(manager_->GetReservationInfoByKey(job->description.reservation_key()), &job->vesk_job);
 }
 
 void ReservationState::ListJobs(const v1::ListJobsRequest& request, v1::ListJobsReply* reply) {
@@ -245,7 +268,7 @@ void ReservationState::ListJobs(const v1::ListJobsRequest& request, v1::ListJobs
 // Takes a job out of the running ones. Null when there is none with this id.
 std::unique_ptr<Job> ReservationState::ExtractJob(uint64_t job_id) {
     std::unique_ptr<Job> job = jobs_.Extract(job_id);
-    if (job != nullptr) changes_.job_ids.insert(job_id);
+    if (job != nullptr) changed_job_ids_.insert(job_id);
     return job;
 }
 
@@ -255,7 +278,7 @@ void ReservationState::CountJobsOf(ReservationInfo* reservation) {
         const auto& guids = job->description.guids();
         const auto is_owned = [&](uint64_t guid) { return OwnerOf(guid) == reservation; };
         if (job->vesk_job.reservation_accounted || !std::all_of(guids.begin(), guids.end(), is_owned)) continue;
-        manager_.AddJob(reservation, &job->vesk_job);
+        manager_->AddJob(reservation, &job->vesk_job);
     }
 }
 
@@ -274,8 +297,11 @@ VeskJob* ReservationState::FindJob(uint64_t job_id, uint64_t, const char* reserv
     return job != nullptr && job->description.reservation_key() == reservation_key ? &job->vesk_job : nullptr;
 }
 
+// The manager asks for jobs that it is to count.
 void ReservationState::GetJobsByReservationKey(std::set<VeskJob*>& jobs, const char* reservation_key) const {
-    for (const auto& [job_id, job] : jobs_.OfReservation(reservation_key)) jobs.insert(&job->vesk_job);
+    for (const auto& [job_id, job] : jobs_.OfReservation(reservation_key)) {
+        if (!job->vesk_job.reservation_accounted) jobs.insert(&job->vesk_job);
+    }
 }
 
 void ReservationState::Describe(v1::DaemonInfo* info) const {
@@ -287,8 +313,8 @@ void ReservationState::Describe(v1::DaemonInfo* info) const {
     info->set_reservation_allow_ending_jobs(options.reservation_allow_ending_jobs);
     info->set_reservation_auto_by_pkeys(options.reservation_auto_by_pkeys);
     info->set_reservation_default_num_trees(options.reservation_default_num_trees);
-    info->set_reservations(manager_.reservations.size());
-    info->set_reserved_hcas(manager_.hca_infos.size());
+    info->set_reservations(manager_->reservations.size());
+    info->set_reserved_hcas(manager_->hca_infos.size());
     info->set_jobs(jobs_.all().size());
     info->set_failed_reservation_requests(failed_requests());
 }
@@ -302,17 +328,14 @@ void ReservationState::ReportPort(const v1::ReportPortRequest& request, v1::Repo
     const std::string key_before = owner_before != nullptr ? owner_before->info.reservation_key : "";
 
     const HcaPortKey port{request.guid(), static_cast<uint8_t>(request.port_num())};
-    manager_.UpdateReservationWithGuidPkeys(port, {request.pkeys().begin(), request.pkeys().end()});
+    manager_->UpdateReservationWithGuidPkeys(port, {request.pkeys().begin(), request.pkeys().end()});
 
     ReservationInfo* const owner = OwnerOf(request.guid());
     if (owner != nullptr) reply->set_reservation_key(owner->info.reservation_key);
     reply->set_acted(key_before != reply->reservation_key() || changes_.events.size() > num_events);
     if (!reply->acted()) return;
-    if (!key_before.empty()) changes_.keys.insert(key_before);
-    if (owner == nullptr) return;
-    changes_.keys.insert(reply->reservation_key());
     // Jobs that ran before the daemon started wait for their HCAs to be reported.
-    CountJobsOf(owner);
+    if (owner != nullptr) CountJobsOf(owner);
 }
 
 // ---- Events ----
@@ -334,7 +357,6 @@ void ReservationState::AddReservationEvent(v1::Event::Kind kind, const std::stri
     event.set_time_unix_millis(NowInUnixMillis());
     event.set_kind(kind);
     event.set_reservation_key(key);
-    changes_.keys.insert(key);
 }
 
 // The record that the manager sent before it ended the job says why.
@@ -348,26 +370,21 @@ void ReservationState::AddJobEvent(v1::Event::Kind kind, const VeskJob& job) {
 }
 
 ReservationInfo* ReservationState::OwnerOf(uint64_t guid) const {
-    const auto found = manager_.hca_infos.find(guid);
-    return found != manager_.hca_infos.end() ? found->second.reservation : nullptr;
+    const auto found = manager_->hca_infos.find(guid);
+    return found != manager_->hca_infos.end() ? found->second.reservation : nullptr;
 }
 
 // ---- Storing and restoring ----
 
 StateChanges ReservationState::TakeChanges() {
+    StateChanges changes = std::exchange(changes_, {});
+    for (const uint64_t job_id : changed_job_ids_) {
+        const Job* const job = jobs_.Find(job_id);
+        changes.jobs[job_id] = job != nullptr ? std::optional(job->description.SerializeAsString()) : std::nullopt;
+    }
+    changed_job_ids_.clear();
     ended_jobs_.clear();
-    return std::exchange(changes_, {});
-}
-
-std::optional<StoredReservation> ReservationState::Packed(const std::string& key) const {
-    const auto found = manager_.reservations.find(key);
-    if (found == manager_.reservations.end()) return std::nullopt;
-    return StoredReservation{PackRecord(found->second->info), found->second->reservation_id};
-}
-
-std::optional<std::string> ReservationState::PackedJob(uint64_t job_id) const {
-    const Job* const job = jobs_.Find(job_id);
-    return job != nullptr ? std::optional(job->description.SerializeAsString()) : std::nullopt;
+    return changes;
 }
 
 void ReservationState::AddJob(uint64_t job_id, const std::string& packed) {
@@ -377,56 +394,30 @@ void ReservationState::AddJob(uint64_t job_id, const std::string& packed) {
 }
 
 void ReservationState::Restore(const std::string& key, const StoredReservation& stored) {
+    Enter(Unpack(key, stored.packed), stored.id);
+}
+
+void ReservationState::Adopt(const std::string& key, const std::string& packed, uint64_t id, v1::Event::Kind kind) {
+    AddReservationEvent(kind, key);
+    Enter(Unpack(key, packed), id);
+    changes_.reservations[key] = StoredReservation{packed, manager_->GetReservationInfoByKey(key)->reservation_id};
+}
+
+void ReservationState::Drop(const std::string& key) {
+    AddReservationEvent(v1::Event::KIND_RESERVATION_REMOVED, key);
+    changes_.reservations[key] = std::nullopt;
+}
+
+void ReservationState::Enter(std::unique_ptr<ReservationInfo> reservation, uint64_t id) {
     const ManagerScope scope(context_);
-    ReservationInfo* const info = Unpack(key, stored).release();
-    info->SetResourceLimitation();
-    manager_.AddReservationToDB(info);
-    manager_.SetReservationId(*info, stored.id);
-    CountJobsOf(info);
-}
-
-void ReservationState::Load(const std::string& staging_dir, const std::map<std::string, StoredReservation>& stored) {
-    const ManagerScope scope(context_);
-    manager_.ReadPersistentReservationInfoFiles();
-    manager_.DeleteAllPersistentReservationFiles();
-    context_.options.persistent_dir = staging_dir;
-    for (const auto& [key, reservation] : stored) {
-        if (!LoadsFiles() || manager_.reservations.contains(key)) continue;
-        manager_.InternalCreateNewReservation(Unpack(key, reservation).release());
-    }
-    AddDifferencesTo(stored);
-}
-
-// Adds the events by which the reservations have become other than `stored`.
-void ReservationState::AddDifferencesTo(const std::map<std::string, StoredReservation>& stored) {
-    for (const auto& [key, reservation] : stored) {
-        if (!manager_.reservations.contains(key)) AddReservationEvent(v1::Event::KIND_RESERVATION_REMOVED, key);
-    }
-    for (const auto& [key, info] : manager_.reservations) {
-        const auto before = stored.find(key);
-        if (before == stored.end()) {
-            AddReservationEvent(v1::Event::KIND_RESERVATION_CREATED, key);
-        } else if (before->second.packed != PackRecord(info->info)) {
-            AddReservationEvent(v1::Event::KIND_RESERVATION_UPDATED, key);
-        } else if (before->second.id != info->reservation_id) {
-            changes_.keys.insert(key);
-        }
-    }
-}
-
-bool ReservationState::LoadsFiles() const {
+    ReservationInfo* const entered = reservation.release();
+    entered->SetResourceLimitation();
+    manager_->AddReservationToDB(entered);
+    if (id != 0) manager_->SetReservationId(*entered, id);
+    manager_->CreateReservationId(*entered);
+    CountJobsOf(entered);
     const OptionInfo& options = context_.options;
-    return options.load_persistent_reservations && !(options.reservation_mode && options.reservation_auto_by_pkeys);
-}
-
-std::optional<std::string> ReservationState::KeyInFile(const std::string& path) {
-    const ManagerScope scope(context_);
-    vesk_dov_msg* msg = nullptr;
-    if (manager_.BuildDataFromReservationFile(path.c_str(), msg) != 0) return std::nullopt;
-    std::optional<std::string> key;
-    if (msg->data != nullptr) key = static_cast<const vesk_reservation_info*>(msg->data)->reservation_key;
-    dov_vesk_msg_release(VESK_MSG_TYPE_RESERVATION_INFO, msg);
-    return key;
+    if (options.reservation_mode && !options.reservation_auto_by_pkeys) manager_->HandleAlreadyRunningJobs(entered);
 }
 
 }    // namespace reservationd

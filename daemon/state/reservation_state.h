@@ -28,10 +28,10 @@ namespace reservationd {
 
 namespace v1 = reservation::v1;
 
-// Changes since the last TakeChanges, to be committed together.
+// Changes to be committed together. A null value: the reservation or the job is gone.
 struct StateChanges {
-    std::set<std::string> keys;    // reservations that may have come, changed or gone
-    std::set<uint64_t> job_ids;    // jobs that began or ended
+    std::map<std::string, std::optional<StoredReservation>> reservations;    // by key
+    std::map<uint64_t, std::optional<std::string>> jobs;    // by id; a serialized v1::Job
     std::vector<v1::Event> events;    // in order, without sequence numbers
 };
 
@@ -47,6 +47,7 @@ public:
     ReservationState(const OptionInfo& options, LogFunction log, uint64_t failed_requests = 0);
     ReservationState(const ReservationState&) = delete;
     ReservationState& operator=(const ReservationState&) = delete;
+    ~ReservationState() override;
 
     // ---- Requests. Each fills `reply`, which comes empty. ----
 
@@ -63,35 +64,29 @@ public:
 
     // ---- Storing and restoring ----
 
-    // What happened since the last call.
+    // What changed since the last call.
     StateChanges TakeChanges();
-
-    // The reservation, or job, as it is stored; nothing when there is none.
-    std::optional<StoredReservation> Packed(const std::string& key) const;
-    std::optional<std::string> PackedJob(uint64_t job_id) const;
 
     // Adds a stored job, which is in no reservation's counts yet. REQUIRES: the job is not there, and neither is its
     // reservation. Throws std::runtime_error when it is damaged.
     void AddJob(uint64_t job_id, const std::string& packed);
 
-    // Enters a stored reservation just as it was, and counts its jobs. REQUIRES: there is none with its key. Throws
-    // std::runtime_error when it is damaged.
+    // Enters a stored reservation as it was, which is no change, and counts its jobs. A job that uses HCAs which the
+    // reservation does not own is ended; while reservations are not in use, or follow the ports' pkeys, it waits
+    // instead. REQUIRES: there is none with its key. Throws std::runtime_error when it is damaged.
     void Restore(const std::string& key, const StoredReservation& stored);
 
-    // Loads the directory of reservation files, or purges it, as the options tell; the manager's own files go to
-    // `staging_dir` from then on. `stored` reservations whose files are missing are entered as if they were there. What
-    // differs from `stored` afterwards counts as having happened. A process can load once.
-    void Load(const std::string& staging_dir, const std::map<std::string, StoredReservation>& stored);
+    // Enters a reservation that has come from outside, or back. `id`: that it had; 0: none. Otherwise as Restore.
+    void Adopt(const std::string& key, const std::string& packed, uint64_t id, v1::Event::Kind kind);
 
-    // Whether Load keeps what it finds.
-    bool LoadsFiles() const;
-
-    // The key of the record in a reservation file, or nothing when the file is damaged.
-    std::optional<std::string> KeyInFile(const std::string& path);
+    // Notes that a stored reservation is not restored: it is gone.
+    void Drop(const std::string& key);
 
     uint64_t failed_requests() const { return context_.fabric.failed_reservation_requests; }
 
 private:
+    class RecordingManager;
+
     void SendReservationInfoList(const dov_ep* ep, vesk_reservation_info_list& list,
                                  uint64_t transaction_id) const override;
     void HandleJobError(VeskJob* job, vesk_error_value value, vesk_error_type type, bool, bool) override;
@@ -117,15 +112,16 @@ private:
     void CountJobsOf(ReservationInfo* reservation);
     void AddReservationEvent(v1::Event::Kind kind, const std::string& key);
     void AddJobEvent(v1::Event::Kind kind, const VeskJob& job);
-    void AddDifferencesTo(const std::map<std::string, StoredReservation>& stored);
+    void Enter(std::unique_ptr<ReservationInfo> reservation, uint64_t id);
     ReservationInfo* OwnerOf(uint64_t guid) const;
 
     ManagerContext context_;
     JobTable jobs_;
     // The manager may look at a job until the operation that ended it is over: kept until TakeChanges.
     std::vector<std::unique_ptr<Job>> ended_jobs_;
-    ReservationManager manager_;
-    StateChanges changes_;
+    StateChanges changes_;    // without the jobs
+    std::set<uint64_t> changed_job_ids_;
+    const std::unique_ptr<ReservationManager> manager_;
     v1::ReservationReply* reply_ = nullptr;    // of the request under way
     bool with_details_ = true;    // `reply_` describes reservations in full
 };

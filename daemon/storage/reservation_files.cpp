@@ -1,183 +1,249 @@
 #include "daemon/storage/reservation_files.h"
 
+#include <absl/strings/str_cat.h>
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
+#include <cstring>
+#include <memory>
 #include <system_error>
-#include <vector>
+#include <utility>
 
-#include "daemon/log_sink.h"
+#include "util/limits.h"
 
 namespace reservationd {
 namespace {
 
-namespace fs = std::filesystem;
-
-constexpr std::string_view kPrefix = "reservation.";
-constexpr size_t kMaxFileNameLength = 255;
+constexpr size_t kMaxSpares = 64;
+constexpr mode_t kFileMode = 0666;    // less the umask
 
 [[noreturn]] void Fail(const std::string& path, const char* what) {
     throw std::system_error(errno, std::generic_category(), path + ": " + what);
 }
 
-class File {
-public:
-    File(const std::string& path, int flags) : path_(path), file_(open(path.c_str(), flags | O_CLOEXEC, 0666)) {
-        if (file_ < 0) Fail(path, "cannot be opened");
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-    ~File() { close(file_); }
-
-    void Write(std::string_view bytes) {
-        while (!bytes.empty()) {
-            const ssize_t written = write(file_, bytes.data(), bytes.size());
-            if (written < 0) Fail(path_, "cannot be written");
-            bytes.remove_prefix(static_cast<size_t>(written));
-        }
-    }
-
-    void Sync() {
-        if (fsync(file_) != 0) Fail(path_, "cannot be written");
-    }
-
-private:
-    const std::string& path_;
-    int file_;
-};
-
-bool FileHolds(const std::string& path, const std::string& expected) {
-    std::error_code error;
-    if (fs::file_size(path, error) != expected.size() || error) return false;
-    std::string content(expected.size(), '\0');
-    std::ifstream file(path, std::ios::binary);
-    return file.read(content.data(), static_cast<std::streamsize>(content.size())) && content == expected;
+FileStamp StampOf(const struct stat& status) {
+    return {static_cast<uint64_t>(status.st_size),
+            int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec};
 }
 
-// Renames a file, over another one or not. Exchanging the two first spares the wait for the disk that some file systems
-// put into renaming one file over another; those that cannot exchange just rename.
-void Rename(const std::string& from, const std::string& to) {
-    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) == 0) {
-        fs::remove(from);
-    } else {
-        fs::rename(from, to);
-    }
+int OpenDirectory(int parent, const std::string& name, const std::string& path, int flags) {
+    const int file = openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags);
+    if (file < 0) Fail(path, "cannot be opened as a directory");
+    return file;
 }
 
-// The number of bytes of the character at the start of the text, which is not empty; 0 when it is not UTF-8.
-size_t LengthOfCharacter(std::string_view text) {
-    const auto byte = [text](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
-    const unsigned lead = byte(0);
-    if (lead < 0x80) return 1;
-    const size_t length = lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
-    if (lead < 0xc2 || lead > 0xf4) return 0;
-    for (size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xc0) != 0x80) return 0;
-    }
-    // Neither longer than need be, nor half a surrogate pair, nor beyond the last character.
-    const bool is_wrong = (lead == 0xe0 && byte(1) < 0xa0) || (lead == 0xed && byte(1) >= 0xa0) ||
-                          (lead == 0xf0 && byte(1) < 0x90) || (lead == 0xf4 && byte(1) >= 0x90);
-    return is_wrong ? 0 : length;
+int MakeDirectory(int parent, const std::string& name, const std::string& path) {
+    if (mkdirat(parent, name.c_str(), 0777) != 0 && errno != EEXIST) Fail(path, "cannot be made");
+    return OpenDirectory(parent, name, path, O_NOFOLLOW);
 }
 
-bool IsUtf8(std::string_view text) {
-    while (!text.empty()) {
-        const size_t length = LengthOfCharacter(text);
-        if (length == 0) return false;
-        text.remove_prefix(length);
+// Calls `handle` with the name of each entry.
+template <typename Handle>
+void ForEachEntry(int dir, const std::string& path, Handle handle) {
+    const int file = OpenDirectory(dir, ".", path, 0);    // of its own: it has a position
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(fdopendir(file), &closedir);
+    if (listing == nullptr) {
+        close(file);
+        Fail(path, "cannot be read");
     }
-    return true;
+    errno = 0;
+    while (const dirent* entry = readdir(listing.get())) {
+        handle(entry->d_name);
+        errno = 0;
+    }
+    if (errno != 0) Fail(path, "cannot be read");
 }
-
-bool IsControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }
 
 }    // namespace
 
-std::string FaultOfKey(std::string_view key) {
-    if (key.find('/') != std::string_view::npos) return "contains a slash";
-    if (std::any_of(key.begin(), key.end(), IsControl)) return "contains a control character";
-    if (!IsUtf8(key)) return "is not UTF-8";
-    constexpr size_t kMaxKeyLength = kMaxFileNameLength - kPrefix.size();
-    if (key.size() <= kMaxKeyLength) return "";
-    return "has " + std::to_string(key.size()) + " bytes, a file name holds " + std::to_string(kMaxKeyLength);
-}
+std::string FileNameOf(const std::string& key) { return std::string(util::kReservationFilePrefix) + key; }
+std::string KeyInFileName(const std::string& name) { return name.substr(util::kReservationFilePrefix.size()); }
 
-ReservationFiles::ReservationFiles(const std::string& dir) : dir_(dir), staging_dir_(dir + "/.staging") {
-    fs::create_directory(staging_dir_);
-    EmptyStaging();
-}
-
-void ReservationFiles::EmptyStaging() {
-    for (const fs::directory_entry& entry : fs::directory_iterator(staging_dir_)) fs::remove_all(entry.path());
-}
-
-void ReservationFiles::PrepareToLoad(
-    const std::set<std::string>& stored_keys,
-    const std::function<std::optional<std::string>(const std::string& path)>& read_key) {
-    std::vector<std::string> names;
-    for (const fs::directory_entry& entry : fs::directory_iterator(dir_)) {
-        std::string name = entry.path().filename();
-        if (name.starts_with(kPrefix)) names.push_back(std::move(name));
+// A file that is open.
+class ReservationFiles::File {
+public:
+    File(int dir, const std::string& name, const std::string& path, int flags)
+        : path_(path), file_(openat(dir, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, kFileMode)) {}
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+    ~File() {
+        if (file_ >= 0) close(file_);
     }
-    for (const std::string& name : names) {
-        const std::string path = dir_ + "/" + name;
-        const std::optional<std::string> key = read_key(path);
-        if (!key) continue;
-        const std::string fault = FaultOfKey(*key);
-        if (!fault.empty()) {
-            SetAside(name, "its key " + fault);
-        } else if (PathOf(*key) == path) {
-            continue;
-        } else if (stored_keys.contains(*key) || fs::exists(PathOf(*key))) {
-            SetAside(name, "it holds " + *key + ", which has a file of its own");
-        } else {
-            WriteLog(kLogWarning, "Reservation file " + path + " holds " + *key + ". It is renamed to " + PathOf(*key));
-            fs::rename(path, PathOf(*key));
+
+    bool is_open() const { return file_ >= 0; }
+    int number() const { return file_; }
+
+    struct stat Status() const {
+        struct stat status {};
+        if (fstat(file_, &status) != 0) Fail(path_, "cannot be looked at");
+        return status;
+    }
+
+    // Makes the file hold this text and nothing else.
+    void Overwrite(const std::string& text) {
+        size_t done = 0;
+        while (done < text.size()) {
+            const ssize_t written = pwrite(file_, text.data() + done, text.size() - done, static_cast<off_t>(done));
+            if (written < 0 && errno != EINTR) Fail(path_, "cannot be written");
+            done += static_cast<size_t>(std::max<ssize_t>(written, 0));
         }
+        if (ftruncate(file_, static_cast<off_t>(text.size())) != 0) Fail(path_, "cannot be written");
+    }
+
+    // Appends up to `count` bytes to the text. False: they cannot be read.
+    bool Read(size_t count, std::string& text) const {
+        const size_t end = text.size() + count;
+        for (size_t size = text.size(); size < end; size = text.size()) {
+            text.resize(end);
+            const ssize_t length = read(file_, text.data() + size, end - size);
+            text.resize(size + static_cast<size_t>(std::max<ssize_t>(length, 0)));
+            if (length < 0 && errno == EINTR) continue;
+            if (length <= 0) return length == 0;
+        }
+        return true;
+    }
+
+private:
+    const std::string path_;
+    int file_;
+};
+
+ReservationFiles::ReservationFiles(const std::string& dir)
+    : dir_(dir), dir_file_(OpenDirectory(AT_FDCWD, dir, dir, 0)) {
+    staging_file_ = MakeDirectory(dir_file_, ".staging", dir_ + "/.staging");
+    std::vector<std::string> names;
+    ForEachEntry(staging_file_, dir_ + "/.staging", [&](const char* name) { names.emplace_back(name); });
+    for (const std::string& name : names) unlinkat(staging_file_, name.c_str(), 0);
+}
+
+ReservationFiles::~ReservationFiles() {
+    for (const std::string& spare : spares_) unlinkat(staging_file_, spare.c_str(), 0);
+    close(staging_file_);
+    close(dir_file_);
+}
+
+std::vector<FoundFile> ReservationFiles::List() const {
+    std::vector<FoundFile> found;
+    ForEachEntry(dir_file_, dir_, [&](std::string name) {
+        if (!name.starts_with(util::kReservationFilePrefix)) return;
+        struct stat status {};
+        if (fstatat(dir_file_, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+        found.push_back({std::move(name), StampOf(status), S_ISREG(status.st_mode)});
+    });
+    std::sort(found.begin(), found.end(), [](const FoundFile& a, const FoundFile& b) { return a.name < b.name; });
+    return found;
+}
+
+absl::StatusOr<std::string> ReservationFiles::Read(const std::string& name, size_t max_size,
+                                                   std::string_view start) const {
+    const auto system_error = [] { return absl::UnavailableError(absl::StrCat("cannot be read: ", strerror(errno))); };
+    const File file(dir_file_, name, PathOf(name), O_RDONLY | O_NONBLOCK);
+    if (!file.is_open()) return system_error();
+    const struct stat status = file.Status();
+    if (!S_ISREG(status.st_mode)) return absl::InvalidArgumentError("is not a regular file");
+    std::string text;
+    if (!file.Read(start.size(), text)) return system_error();
+    if (text != start) return absl::InvalidArgumentError("holds no reservation");
+    if (static_cast<uint64_t>(status.st_size) > max_size) {
+        return absl::OutOfRangeError(absl::StrCat("is larger than ", max_size, " bytes"));
+    }
+    if (!file.Read(static_cast<size_t>(status.st_size) - text.size(), text)) return system_error();
+    return text;
+}
+
+// A file is written aside and exchanged with the one of its name. What that held is then written over by the next
+// text: freeing and searching an inode for each writing is most of the work on ext4.
+FileStamp ReservationFiles::Write(const std::string& name, const std::string& text) {
+    if (!TakeSpare(text)) {
+        spares_.push_back(std::to_string(num_staged_++));
+        File file(staging_file_, spares_.back(), StagedPathOf(spares_.back()), O_WRONLY | O_CREAT | O_TRUNC);
+        if (!file.is_open()) Fail(StagedPathOf(spares_.back()), "cannot be opened");
+        file.Overwrite(text);
+        mode_ = file.Status().st_mode;
+    }
+    const std::string spare = spares_.back();
+    const FileStamp stamp = StampOf(StatusOfStaged(spare));
+    spares_.pop_back();
+    if (renameat2(staging_file_, spare.c_str(), dir_file_, name.c_str(), RENAME_EXCHANGE) == 0) {
+        KeepOrDelete(spare);
+    } else if (renameat(staging_file_, spare.c_str(), dir_file_, name.c_str()) != 0) {
+        spares_.push_back(spare);
+        Fail(PathOf(name), "cannot be written");
+    }
+    return stamp;
+}
+
+// Writes the text into the last of the spare files that can be written over; the others are deleted. False: none can.
+bool ReservationFiles::TakeSpare(const std::string& text) {
+    while (!spares_.empty()) {
+        const std::string& spare = spares_.back();
+        File file(staging_file_, spare, StagedPathOf(spare), O_WRONLY);
+        // Somebody may still read the file, or have linked it as a backup. A write lease is given when nobody has it open.
+        const bool is_ours = file.is_open() && file.Status().st_nlink == 1 &&
+                             fcntl(file.number(), F_SETLEASE, F_WRLCK) == 0 &&
+                             fcntl(file.number(), F_SETLEASE, F_UNLCK) == 0;
+        if (is_ours) {
+            file.Overwrite(text);
+            return true;
+        }
+        unlinkat(staging_file_, spare.c_str(), 0);
+        spares_.pop_back();
+    }
+    return false;
+}
+
+void ReservationFiles::KeepOrDelete(const std::string& spare) {
+    const struct stat status = StatusOfStaged(spare);
+    const bool is_ours = status.st_mode == mode_ && status.st_uid == geteuid();
+    if (is_ours && spares_.size() < kMaxSpares) {
+        spares_.push_back(spare);
+    } else {
+        unlinkat(staging_file_, spare.c_str(), 0);
     }
 }
 
-void ReservationFiles::SetAside(const std::string& name, const std::string& reason) {
-    const std::string ignored_dir = dir_ + "/ignored";
-    fs::create_directory(ignored_dir);
-    std::string new_path = ignored_dir + "/" + name;
-    while (fs::exists(new_path)) new_path += "~";
-    WriteLog(kLogWarning, "Reservation file " + dir_ + "/" + name + " is moved to " + new_path + ": " + reason);
-    fs::rename(dir_ + "/" + name, new_path);
-}
-
-bool ReservationFiles::Holds(const std::string& key, const std::optional<std::string>& record) const {
-    const std::string path = PathOf(key);
-    return record ? FileHolds(path, *record) : !fs::exists(fs::symlink_status(path));
-}
-
-void ReservationFiles::Write(const std::string& key, const std::optional<std::string>& record) {
-    const std::string path = PathOf(key);
-    const std::string staged_path = staging_dir_ + "/" + std::string(kPrefix) + key;
-    if (!record) {
-        fs::remove(path);
-        return;
+struct stat ReservationFiles::StatusOfStaged(const std::string& name) const {
+    struct stat status {};
+    if (fstatat(staging_file_, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        Fail(StagedPathOf(name), "cannot be looked at");
     }
-    if (!FileHolds(staged_path, *record)) {
-        fs::remove(staged_path);
-        File(staged_path, O_WRONLY | O_CREAT | O_EXCL).Write(*record);
-    }
-    Rename(staged_path, path);
+    return status;
 }
 
-void ReservationFiles::Sync(const std::set<std::string>& keys) {
-    for (const std::string& key : keys) {
-        const std::string path = PathOf(key);
-        if (fs::exists(path)) File(path, O_RDONLY | O_NONBLOCK).Sync();
+void ReservationFiles::Remove(const std::string& name) {
+    const std::string spare = std::to_string(num_staged_);
+    if (spares_.size() < kMaxSpares && renameat(dir_file_, name.c_str(), staging_file_, spare.c_str()) == 0) {
+        ++num_staged_;
+        return KeepOrDelete(spare);
     }
-    File(dir_, O_RDONLY | O_DIRECTORY).Sync();
+    if (unlinkat(dir_file_, name.c_str(), 0) != 0 && errno != ENOENT) Fail(PathOf(name), "cannot be deleted");
 }
 
-std::string ReservationFiles::PathOf(const std::string& key) const { return dir_ + "/" + std::string(kPrefix) + key; }
+std::string ReservationFiles::SetAside(const std::string& name) {
+    const std::string ignored_dir = PathOf("ignored");
+    const int ignored_file = MakeDirectory(dir_file_, "ignored", ignored_dir);
+    std::string new_name = name;
+    int result = 0;
+    for (int i = 1;; ++i) {
+        result = renameat2(dir_file_, name.c_str(), ignored_file, new_name.c_str(), RENAME_NOREPLACE);
+        if (result == 0 || errno != EEXIST) break;
+        constexpr size_t kMaxKeptName = 240;    // bytes of the name, so that the number fits
+        new_name = absl::StrCat(name.substr(0, kMaxKeptName), "~", i);
+    }
+    const int rename_error = errno;
+    close(ignored_file);
+    errno = rename_error;
+    if (result != 0) Fail(PathOf(name), "cannot be moved to ignored");
+    return ignored_dir + "/" + new_name;
+}
+
+void ReservationFiles::Sync() {
+    if (syncfs(dir_file_) != 0) Fail(dir_, "cannot be written to the disk");
+}
 
 }    // namespace reservationd

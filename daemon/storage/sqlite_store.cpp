@@ -1,17 +1,31 @@
 #include "daemon/storage/sqlite_store.h"
 
+#include <utility>
+
+#include "daemon/storage/sqlite.h"
+#include "host/hash_bytes.h"
+
 namespace reservationd {
 namespace {
+
+using sqlite::Blob;
+using sqlite::ColumnBytes;
+using sqlite::ColumnUint64;
+using sqlite::ForEachRow;
+using sqlite::Run;
 
 constexpr int kSchemaVersion = 2;
 constexpr uint64_t kProbeSize = 4096;    // bytes
 
 constexpr char kSchema[] = R"(
-    CREATE TABLE reservations (key TEXT PRIMARY KEY, packed TEXT NOT NULL, id INTEGER NOT NULL) WITHOUT ROWID;
-    CREATE TABLE jobs (job_id INTEGER PRIMARY KEY, job BLOB NOT NULL);
-    CREATE TABLE events (sequence INTEGER PRIMARY KEY, event BLOB NOT NULL);
-    CREATE TABLE dirty_keys (key TEXT PRIMARY KEY) WITHOUT ROWID;
-    CREATE TABLE meta (name TEXT PRIMARY KEY, value BLOB) WITHOUT ROWID;
+    CREATE TABLE reservations (key TEXT PRIMARY KEY, packed TEXT NOT NULL, id INTEGER NOT NULL, checksum INTEGER NOT NULL)
+        WITHOUT ROWID;
+    CREATE TABLE jobs (job_id INTEGER PRIMARY KEY, job BLOB NOT NULL, checksum INTEGER NOT NULL);
+    CREATE TABLE events (sequence INTEGER PRIMARY KEY, event BLOB NOT NULL, checksum INTEGER NOT NULL);
+    CREATE TABLE damaged (kind TEXT, name, content BLOB, found TEXT DEFAULT CURRENT_TIMESTAMP);
+    CREATE TABLE identity (id TEXT NOT NULL, generation INTEGER NOT NULL);
+    CREATE TABLE probe (name TEXT PRIMARY KEY, content BLOB) WITHOUT ROWID;
+    INSERT INTO identity VALUES (lower(hex(randomblob(16))), 0);
     PRAGMA user_version = 2;
 )";
 
@@ -42,35 +56,47 @@ SQLite::Database Open(const std::string& path, Durability durability) {
     return database;
 }
 
-struct Blob {
-    const std::string& bytes;
-};
-
-// SQLite's integers are signed; all 64 bits are kept.
-void Bind(SQLite::Statement& statement, int place, uint64_t value) {
-    statement.bind(place, static_cast<int64_t>(value));
+StoreIdentity NextGeneration(SQLite::Database& database) {
+    database.exec("UPDATE identity SET generation = generation + 1");
+    SQLite::Statement row(database, "SELECT id, generation FROM identity");
+    row.executeStep();
+    return {ColumnBytes(row, 0), ColumnUint64(row, 1)};
 }
 
-void Bind(SQLite::Statement& statement, int place, const std::string& text) { statement.bindNoCopy(place, text); }
-
-void Bind(SQLite::Statement& statement, int place, const Blob& blob) {
-    statement.bindNoCopy(place, blob.bytes.data(), static_cast<int>(blob.bytes.size()));
+// The checksum of a row covers its key, so that a row is not taken for another one's either.
+uint64_t Checksum(const std::string& key, const StoredReservation& reservation) {
+    return HashBytes(reservation.packed) ^ HashBytes(key + '\0' + std::to_string(reservation.id));
 }
 
-// The bound values must live until this returns.
-template <typename... Values>
-void Run(SQLite::Statement& statement, const Values&... values) {
-    statement.tryReset();    // after a failure it still reports that one
-    int place = 0;
-    (Bind(statement, ++place, values), ...);
-    statement.exec();
+uint64_t Checksum(uint64_t number, const std::string& content) {
+    return HashBytes(content) ^ HashBytes(std::to_string(number));
 }
 
-uint64_t ColumnUint64(SQLite::Statement& row, int column) {
-    return static_cast<uint64_t>(row.getColumn(column).getInt64());
+// Calls `handle` with key, reservation, and whether the row is undamaged.
+template <typename Handle>
+void ForEachReservation(SQLite::Database& database, Handle handle) {
+    ForEachRow(database, "SELECT key, packed, id, checksum FROM reservations ORDER BY key",
+               [&](SQLite::Statement& row) {
+                   std::string key = ColumnBytes(row, 0);
+                   StoredReservation reservation{ColumnBytes(row, 1), ColumnUint64(row, 2)};
+                   const bool is_good = Checksum(key, reservation) == ColumnUint64(row, 3);
+                   handle(std::move(key), std::move(reservation), is_good);
+               });
 }
 
-std::string ColumnBytes(SQLite::Statement& row, int column) { return row.getColumn(column).getString(); }
+// Calls `handle` with number, content, and whether the row is undamaged. The query gives these two and the checksum.
+template <typename Handle>
+void ForEachNumbered(SQLite::Database& database, const char* query, Handle handle) {
+    ForEachRow(database, query, [&](SQLite::Statement& row) {
+        const uint64_t number = ColumnUint64(row, 0);
+        std::string content = ColumnBytes(row, 1);
+        const bool is_good = Checksum(number, content) == ColumnUint64(row, 2);
+        handle(number, std::move(content), is_good);
+    });
+}
+
+constexpr char kSelectJobs[] = "SELECT job_id, job, checksum FROM jobs ORDER BY job_id";
+constexpr char kSelectEvents[] = "SELECT sequence, event, checksum FROM events ORDER BY sequence";
 
 }    // namespace
 
@@ -79,67 +105,83 @@ SqliteStore::SqliteStore(const std::string& path, Durability durability, uint64_
       durability_(durability),
       kept_events_(kept_events),
       database_(Open(path, durability)),
-      put_reservation_(database_, "REPLACE INTO reservations VALUES (?, ?, ?)"),
+      identity_(NextGeneration(database_)),
+      put_reservation_(database_, "REPLACE INTO reservations VALUES (?, ?, ?, ?)"),
       delete_reservation_(database_, "DELETE FROM reservations WHERE key = ?"),
-      put_job_(database_, "REPLACE INTO jobs VALUES (?, ?)"),
+      put_job_(database_, "REPLACE INTO jobs VALUES (?, ?, ?)"),
       delete_job_(database_, "DELETE FROM jobs WHERE job_id = ?"),
-      put_event_(database_, "INSERT INTO events VALUES (?, ?)"),
+      put_event_(database_, "INSERT INTO events VALUES (?, ?, ?)"),
       trim_events_(database_, "DELETE FROM events WHERE sequence <= (SELECT max(sequence) FROM events) - ?"),
-      put_dirty_key_(database_, "INSERT OR IGNORE INTO dirty_keys VALUES (?)"),
-      delete_dirty_key_(database_, "DELETE FROM dirty_keys WHERE key = ?"),
-      put_probe_(database_, "REPLACE INTO meta VALUES ('probe', randomblob(?))") {
+      put_probe_(database_, "REPLACE INTO probe VALUES ('probe', randomblob(?))") {
 } catch (const SQLite::Exception& error) {
     Fail(path, "cannot be opened", error);
 }
 
-std::map<std::string, StoredReservation> SqliteStore::ReadReservations() {
-    std::map<std::string, StoredReservation> reservations;
-    ForEachRow("SELECT key, packed, id FROM reservations ORDER BY key", [&](SQLite::Statement& row) {
-        reservations.emplace_hint(reservations.end(), ColumnBytes(row, 0),
-                                  StoredReservation{ColumnBytes(row, 1), ColumnUint64(row, 2)});
+DamagedRows SqliteStore::SetDamagedAside() {
+    DamagedRows damaged;
+    InTransaction([&] {
+        ForEachReservation(database_, [&](std::string&& key, StoredReservation&&, bool is_good) {
+            if (!is_good) damaged.reservation_keys.push_back(std::move(key));
+        });
+        ForEachNumbered(database_, kSelectJobs, [&](uint64_t job_id, std::string&&, bool is_good) {
+            if (!is_good) damaged.job_ids.push_back(job_id);
+        });
+        ForEachNumbered(database_, kSelectEvents, [&](uint64_t sequence, std::string&&, bool is_good) {
+            if (!is_good) damaged.event_sequences.push_back(sequence);
+        });
+        const auto set_aside = [this](const std::string& table, const std::string& name, const std::string& content,
+                                      const auto& damaged_names) {
+            const std::string which = " FROM " + table + " WHERE " + name + " = ?";
+            SQLite::Statement copy(database_, "INSERT INTO damaged (kind, name, content) SELECT '" + table + "', " +
+                                                  name + ", " + content + which);
+            SQLite::Statement remove(database_, "DELETE" + which);
+            for (const auto& damaged_name : damaged_names) {
+                Run(copy, damaged_name);
+                Run(remove, damaged_name);
+            }
+        };
+        set_aside("reservations", "key", "packed", damaged.reservation_keys);
+        set_aside("jobs", "job_id", "job", damaged.job_ids);
+        set_aside("events", "sequence", "event", damaged.event_sequences);
     });
-    return reservations;
+    return damaged;
 }
 
-std::map<uint64_t, std::string> SqliteStore::ReadJobs() {
-    std::map<uint64_t, std::string> jobs;
-    ForEachRow("SELECT job_id, job FROM jobs",
-               [&](SQLite::Statement& row) { jobs.emplace(ColumnUint64(row, 0), ColumnBytes(row, 1)); });
-    return jobs;
-}
-
-std::vector<std::pair<uint64_t, std::string>> SqliteStore::ReadEvents() {
-    std::vector<std::pair<uint64_t, std::string>> events;
-    ForEachRow("SELECT sequence, event FROM events ORDER BY sequence",
-               [&](SQLite::Statement& row) { events.emplace_back(ColumnUint64(row, 0), ColumnBytes(row, 1)); });
-    return events;
-}
-
-std::set<std::string> SqliteStore::ReadDirtyKeys() {
-    std::set<std::string> keys;
-    ForEachRow("SELECT key FROM dirty_keys", [&](SQLite::Statement& row) { keys.insert(ColumnBytes(row, 0)); });
-    return keys;
+StoreContents SqliteStore::Read() try {
+    StoreContents contents;
+    ForEachReservation(database_, [&](std::string&& key, StoredReservation&& reservation, bool) {
+        contents.reservations.emplace_hint(contents.reservations.end(), std::move(key), std::move(reservation));
+    });
+    ForEachNumbered(database_, kSelectJobs, [&](uint64_t job_id, std::string&& job, bool) {
+        contents.jobs.emplace_hint(contents.jobs.end(), job_id, std::move(job));
+    });
+    ForEachNumbered(database_, kSelectEvents, [&](uint64_t sequence, std::string&& event, bool) {
+        contents.events.emplace_hint(contents.events.end(), sequence, std::move(event));
+    });
+    return contents;
+} catch (const SQLite::Exception& error) {
+    Fail(path_, "cannot be read", error);
 }
 
 void SqliteStore::Commit(const StoreChanges& changes) {
     InTransaction([&] {
-        for (const std::string& key : changes.clean_keys) Run(delete_dirty_key_, key);
         for (const auto& [key, reservation] : changes.reservations) {
             if (reservation) {
-                Run(put_reservation_, key, reservation->packed, reservation->id);
+                Run(put_reservation_, key, reservation->packed, reservation->id, Checksum(key, *reservation));
             } else {
                 Run(delete_reservation_, key);
             }
-            Run(put_dirty_key_, key);
         }
         for (const auto& [job_id, job] : changes.jobs) {
             if (job) {
-                Run(put_job_, job_id, Blob{*job});
+                Run(put_job_, job_id, Blob{*job}, Checksum(job_id, *job));
             } else {
                 Run(delete_job_, job_id);
             }
         }
-        for (const auto& [sequence, event] : changes.events) Run(put_event_, sequence, Blob{event});
+        for (const auto& [sequence, event] : changes.events) {
+            Run(put_event_, sequence, Blob{event}, Checksum(sequence, event));
+        }
         if (!changes.events.empty()) Run(trim_events_, kept_events_);
     });
 }
@@ -155,14 +197,6 @@ void SqliteStore::InTransaction(Write write) try {
     transaction.commit();
 } catch (const SQLite::Exception& error) {
     Fail(path_, "cannot be written", error);
-}
-
-template <typename Handle>
-void SqliteStore::ForEachRow(const char* sql, Handle handle) try {
-    SQLite::Statement statement(database_, sql);
-    while (statement.executeStep()) handle(statement);
-} catch (const SQLite::Exception& error) {
-    Fail(path_, "cannot be read", error);
 }
 
 }    // namespace reservationd

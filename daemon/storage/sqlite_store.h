@@ -5,11 +5,7 @@
 #include <SQLiteCpp/SQLiteCpp.h>
 
 #include <cstdint>
-#include <map>
-#include <set>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "daemon/storage/store.h"
 
@@ -21,26 +17,27 @@ public:
     // Opens the database, or creates it. Keeps the newest `kept_events` events, at least 1. Throws StoreError.
     SqliteStore(const std::string& path, Durability durability, uint64_t kept_events);
 
+    const StoreIdentity& identity() const override { return identity_; }
     Durability durability() const override { return durability_; }
-    std::map<std::string, StoredReservation> ReadReservations() override;
-    std::map<uint64_t, std::string> ReadJobs() override;
-    std::vector<std::pair<uint64_t, std::string>> ReadEvents() override;
-    std::set<std::string> ReadDirtyKeys() override;
+
+    // A row is damaged when its checksum is wrong. It is moved to the table "damaged".
+    DamagedRows SetDamagedAside() override;
+
+    StoreContents Read() override;
     void Commit(const StoreChanges& changes) override;
     void Probe() override;
 
 private:
     template <typename Write>
     void InTransaction(Write write);
-    template <typename Handle>
-    void ForEachRow(const char* sql, Handle handle);
 
     const std::string path_;
     const Durability durability_;
     const uint64_t kept_events_;
     SQLite::Database database_;
+    const StoreIdentity identity_;
     SQLite::Statement put_reservation_, delete_reservation_, put_job_, delete_job_, put_event_, trim_events_,
-        put_dirty_key_, delete_dirty_key_, put_probe_;
+        put_probe_;
 };
 
 }    // namespace reservationd

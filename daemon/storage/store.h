@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -22,6 +21,14 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// Which store this is, and how often it has been opened.
+struct StoreIdentity {
+    std::string id;    // random, given when the store was created
+    uint64_t generation = 0;    // 1 when it was opened first, and 1 more each time
+
+    bool operator==(const StoreIdentity&) const = default;
+};
+
 struct StoredReservation {
     std::string packed;    // its record, as dov_msg_pack packs it
     uint64_t id = 0;
@@ -29,14 +36,27 @@ struct StoredReservation {
     bool operator==(const StoredReservation&) const = default;
 };
 
+// Everything that has been committed and not been deleted since.
+struct StoreContents {
+    std::map<std::string, StoredReservation> reservations;    // by key
+    std::map<uint64_t, std::string> jobs;    // by id; a serialized v1::Job
+    std::map<uint64_t, std::string> events;    // by sequence number; a serialized v1::Event
+};
+
+// What a store found damaged and keeps out of its contents from then on, where a person can find it.
+struct DamagedRows {
+    std::vector<std::string> reservation_keys;
+    std::vector<uint64_t> job_ids;
+    std::vector<uint64_t> event_sequences;
+};
+
 // Changes that are committed together or not at all. A null value deletes.
 struct StoreChanges {
-    std::map<std::string, std::optional<StoredReservation>> reservations;    // by key; the keys become dirty
-    std::map<uint64_t, std::optional<std::string>> jobs;    // by id; a serialized v1::Job
-    std::vector<std::pair<uint64_t, std::string>> events;    // by ascending sequence number; a serialized v1::Event
-    std::set<std::string> clean_keys;    // applied before `reservations`
+    std::map<std::string, std::optional<StoredReservation>> reservations;
+    std::map<uint64_t, std::optional<std::string>> jobs;
+    std::map<uint64_t, std::string> events;
 
-    bool empty() const { return reservations.empty() && jobs.empty() && events.empty() && clean_keys.empty(); }
+    bool empty() const { return reservations.empty() && jobs.empty() && events.empty(); }
 };
 
 // Used by one thread at a time.
@@ -47,22 +67,22 @@ public:
     Store& operator=(const Store&) = delete;
     virtual ~Store() = default;
 
+    virtual const StoreIdentity& identity() const = 0;
+
     // What Commit promises when it returns.
     virtual Durability durability() const = 0;
 
-    // Everything that has been committed and not been deleted since. Each throws StoreError when the store cannot be
-    // read.
-    virtual std::map<std::string, StoredReservation> ReadReservations() = 0;
-    virtual std::map<uint64_t, std::string> ReadJobs() = 0;
-    virtual std::vector<std::pair<uint64_t, std::string>> ReadEvents() = 0;    // by ascending sequence number
+    // Sets apart what is damaged, and tells what that was. To be called before anything else is read. Throws
+    // StoreError.
+    virtual DamagedRows SetDamagedAside() = 0;
 
-    // The keys whose reservation files may differ from what is stored here.
-    virtual std::set<std::string> ReadDirtyKeys() = 0;
+    // Throws StoreError when the store cannot be read.
+    virtual StoreContents Read() = 0;
 
     // Throws StoreError, with nothing changed, when the store cannot be written.
     virtual void Commit(const StoreChanges& changes) = 0;
 
-    // Tests that a commit would succeed, by committing 4 KiB of no meaning. Throws StoreError when it cannot be.
+    // Tests that a commit would succeed, by committing 4 KiB of no meaning. Throws StoreError when it would not.
     virtual void Probe() = 0;
 };
 

@@ -1,5 +1,6 @@
 // The daemon's engine without its network: what was answered is there after the process dies, and what was not is not.
 
+#include <SQLiteCpp/SQLiteCpp.h>
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -7,15 +8,21 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
+#include <iterator>
+#include <memory>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
+#include <utility>
 
 #include "daemon/engine/engine.h"
 #include "daemon/log_sink.h"
-#include "daemon/storage/sqlite_store.h"
+#include "daemon/storage/reservation_files.h"
 #include "tests/files.h"
 
 namespace reservationd {
@@ -33,6 +40,16 @@ protected:
     }
 
     std::string PathOf(const std::string& name) const { return dir_.path() + "/" + name; }
+
+    // The names of the reservation files in a directory of the test's.
+    std::string FilesIn(const std::string& dir) const {
+        std::set<std::string> names;
+        for (const fs::directory_entry& entry : fs::directory_iterator(PathOf(dir)))
+            names.insert(entry.path().filename());
+        std::string text;
+        for (const std::string& name : names) text += name.starts_with("reservation.") ? name + " " : "";
+        return text;
+    }
 
     EngineSettings settings;
 
@@ -103,11 +120,12 @@ public:
     Engine engine;
 };
 
-// Runs `life` in a process of its own that then dies on the spot.
-void DieAfter(const std::function<void()>& life) {
+// Runs `life` with a daemon in a process of its own, which then dies on the spot.
+void DieAfter(const EngineSettings& settings, const std::function<void(Daemon& daemon)>& life) {
     const pid_t child = fork();
     if (child == 0) {
-        life();
+        Daemon daemon(settings);
+        life(daemon);
         std::raise(SIGKILL);
     }
     int status = 0;
@@ -117,82 +135,133 @@ void DieAfter(const std::function<void()>& life) {
 
 TEST_F(DaemonTest, WhatWasAnsweredSurvivesTheProcessAndDamagedFiles) {
     settings.kept_events = 3;
-    DieAfter([&] {
-        Daemon daemon(settings);
+    DieAfter(settings, [&](Daemon& daemon) {
         daemon.Create("key: 'A' guids: [3, 1, 2]");
         daemon.Create("key: 'B' guids: [8, 9]");
         daemon.Call(true, &ReservationState::UpdateReservation, "key: 'A' add_guids: 4");
         daemon.Begin("job_id: 7 guids: [1, 4] trees: 2");
         EXPECT_THROW(Engine second(settings), std::runtime_error);
     });
-    const std::string record_of_a = Content(PathOf("reservation.A"));
-    for (const char* name : {"reservation.A", "reservation.damaged"}) {
-        Write(PathOf(name), record_of_a.substr(0, 40));
-    }
+    { const Daemon writes_the_files(settings); }
+    const std::string packed_a = Content(PathOf("reservation.A"));
+    for (const char* name : {"reservation.A", "reservation.damaged"}) Write(PathOf(name), packed_a.substr(0, 40));
     fs::remove(PathOf("reservation.B"));
 
-    Daemon daemon(settings);
-    EXPECT_EQ(daemon.State(),
+    auto daemon = std::make_unique<Daemon>(settings);
+    EXPECT_EQ(daemon->State(),
               "A {1,2,3,4,} 2 trees, jobs 7\n"
               "B {8,9,} 0 trees, jobs\n"
               "job 7 of A\n");
-    EXPECT_EQ(Content(PathOf("reservation.A")), record_of_a);
-    EXPECT_TRUE(fs::exists(PathOf("reservation.B")));
-    EXPECT_FALSE(fs::exists(PathOf("reservation.damaged")));
-
     // The job that runs is admitted again without being counted again.
-    EXPECT_EQ(daemon.Begin("job_id: 7 guids: [4, 1] trees: 2").reservation_key(), "A");
-    EXPECT_EQ(daemon.Begin("job_id: 7 guids: [1] trees: 2").result(), v1::BeginJobReply::RESULT_ALREADY_RUNNING);
-    EXPECT_EQ(daemon.Create("key: 'C' guids: [9, 10]").conflict().reservation_key(), "B");
-    daemon.Create("key: 'C' guids: [10]");
-    EXPECT_EQ(daemon.Events(), "2_RESERVATION_CREATED B; 3_RESERVATION_UPDATED A; 4_RESERVATION_CREATED C; ");
-    EXPECT_EQ(daemon.State(),
+    EXPECT_EQ(daemon->Begin("job_id: 7 guids: [4, 1] trees: 2").reservation_key(), "A");
+    EXPECT_EQ(daemon->Begin("job_id: 7 guids: [1] trees: 2").result(), v1::BeginJobReply::RESULT_ALREADY_RUNNING);
+    EXPECT_EQ(daemon->Create("key: 'C' guids: [9, 10]").conflict().reservation_key(), "B");
+    daemon->Create("key: 'C' guids: [10]");
+    EXPECT_EQ(daemon->Events(), "2_RESERVATION_CREATED B; 3_RESERVATION_UPDATED A; 4_RESERVATION_CREATED C; ");
+    EXPECT_EQ(daemon->State(),
               "A {1,2,3,4,} 2 trees, jobs 7\n"
               "B {8,9,} 0 trees, jobs\n"
               "C {10,} 0 trees, jobs\n"
               "job 7 of A\n");
+
+    daemon.reset();
+    EXPECT_EQ(Content(PathOf("reservation.A")), packed_a);
+    EXPECT_EQ(FilesIn(""), "reservation.A reservation.B reservation.C ");
+    EXPECT_EQ(FilesIn("ignored"), "reservation.A reservation.damaged ");
 }
 
-// An override has been committed, and the process died before it touched a file. An operator has added files, too.
+// After a crash, with the files as they were before it. An operator has added and replaced some, too.
 TEST_F(DaemonTest, FilesFollowTheStoreUnlessTheyAreAnOperators) {
-    DieAfter([&] {
+    {
         Daemon daemon(settings);
-        daemon.Create("key: 'A' guids: [1]");
-        daemon.Create("key: 'B' guids: [2]");
-        daemon.Create("key: 'C' guids: [3]");
-    });
-    DieAfter([&] {
+        for (const char* fields : {"key: 'A' guids: 1", "key: 'B' guids: 2", "key: 'C' guids: 3"})
+            daemon.Create(fields);
         EngineSettings elsewhere = settings;
         elsewhere.options.persistent_dir += "/elsewhere";
-        Daemon daemon(elsewhere);
-        daemon.Create("key: 'C' guids: [3, 4]");
-        daemon.Create("key: 'D' guids: [5]");
-        daemon.Create("key: 'E' guids: [6]");
-    });
-    const fs::path elsewhere = PathOf("elsewhere");
-    {
-        SqliteStore store(PathOf("reservationd.sqlite"), Durability::kProcess, 10);
-        const StoredReservation grown{Content(elsewhere / "reservation.E"), 1};
-        store.Commit(
-            {.reservations = {{"B", std::nullopt}, {"E", grown}}, .jobs = {}, .events = {}, .clean_keys = {"C"}});
+        Daemon other(elsewhere);
+        for (const char* fields : {"key: 'A' guids: [1, 9]", "key: 'D' guids: 5", "key: 'E' guids: 4"})
+            other.Create(fields);
     }
-    fs::copy_file(elsewhere / "reservation.C", PathOf("reservation.C"), fs::copy_options::overwrite_existing);
-    fs::copy_file(elsewhere / "reservation.D", PathOf("reservation.misnamed"));
-    fs::copy_file(elsewhere / "reservation.E", PathOf("reservation.stray"));
+    DieAfter(settings, [&](Daemon& daemon) {
+        daemon.Call(true, &ReservationState::UpdateReservation, "key: 'C' add_guids: 4");
+        daemon.Call(true, &ReservationState::DeleteReservation, "key: 'B'");
+    });
+    for (const auto& [from, to] : {std::pair("A", "A"), std::pair("D", "misnamed"), std::pair("E", "E")}) {
+        fs::copy_file(PathOf("elsewhere/reservation." + std::string(from)), PathOf("reservation." + std::string(to)),
+                      fs::copy_options::overwrite_existing);
+    }
+    Write(PathOf("reservation.README"), "Do not touch.");
+    {
+        Daemon daemon(settings);
+        EXPECT_EQ(daemon.State(), "A {1,9,} 0 trees, jobs\nC {3,4,} 0 trees, jobs\nD {5,} 0 trees, jobs\n");
+    }
+    EXPECT_EQ(FilesIn(""), "reservation.A reservation.C reservation.D ");
+    EXPECT_EQ(FilesIn("ignored"), "reservation.E reservation.README ");
+    EXPECT_NE(Content(PathOf("log")).find("gives reservation E the GUID 0x4, which reservation C has"),
+              std::string::npos);
+}
 
-    Daemon daemon(settings);
-    EXPECT_EQ(daemon.State(),
-              "A {1,} 0 trees, jobs\n"
-              "C {3,4,} 0 trees, jobs\n"
-              "D {5,} 0 trees, jobs\n"
-              "E {6,} 0 trees, jobs\n");
-    EXPECT_FALSE(fs::exists(PathOf("reservation.B")));
-    EXPECT_TRUE(fs::exists(PathOf("reservation.D")));
-    EXPECT_EQ(Content(PathOf("reservation.E")), Content(elsewhere / "reservation.E"));
-    EXPECT_TRUE(fs::exists(PathOf("ignored/reservation.stray")));
-    EXPECT_EQ(daemon.Events(),
-              "1_RESERVATION_CREATED A; 2_RESERVATION_CREATED B; 3_RESERVATION_CREATED C; 4_RESERVATION_UPDATED C; "
-              "5_RESERVATION_CREATED D; ");
+TEST_F(DaemonTest, ADamagedRowIsSetAsideAndEverythingElseIsThere) {
+    {
+        Daemon daemon(settings);
+        daemon.Create("key: 'A' guids: [1, 2]");
+        daemon.Create("key: 'B' guids: 3");
+        daemon.Begin("job_id: 7 guids: 1 trees: 2");
+        daemon.Begin("job_id: 8 guids: 2 trees: 1");
+    }
+    const std::string store = PathOf("reservationd.sqlite");
+    SQLite::Database(store, SQLite::OPEN_READWRITE)
+        .exec(
+            "UPDATE reservations SET packed = replace(packed, 'pkey', 'qkey') WHERE key = 'A';"
+            "UPDATE jobs SET checksum = checksum + 1 WHERE job_id = 8; UPDATE events SET event = x'00' WHERE sequence "
+            "= 1;");
+    const auto expect_all_but_the_job = [&] {
+        Daemon daemon(settings);
+        EXPECT_EQ(daemon.State(), "A {1,2,} 2 trees, jobs 7\nB {3,} 0 trees, jobs\njob 7 of A\n");
+        EXPECT_EQ(daemon.Events(), "1_NONE ; 2_RESERVATION_CREATED B; 3_RESERVATION_UPDATED A; ");
+    };
+    expect_all_but_the_job();
+    expect_all_but_the_job();
+    EXPECT_EQ(SQLite::Database(store).execAndGet("SELECT count(*) FROM damaged").getInt(), 3);
+}
+
+// Modes that count no job keep all of them, for the next start or reload that counts them again.
+TEST_F(DaemonTest, JobsOutliveAStartWithoutReservationMode) {
+    const std::string state = "A {1,2,} 2 trees, jobs 7\njob 7 of A\n";
+    {
+        Daemon daemon(settings);
+        daemon.Create("key: 'A' guids: [1, 2]");
+        daemon.Begin("job_id: 7 guids: 1 trees: 2");
+    }
+    EngineSettings without_mode = settings;
+    without_mode.options.reservation_mode = false;
+    {
+        Daemon daemon(without_mode);
+        EXPECT_EQ(daemon.State(), "job 7 of A\n");
+        daemon.engine.Reconfigure(settings);
+        EXPECT_EQ(daemon.State(), state);
+    }
+    EXPECT_EQ(Daemon(settings).State(), state);
+}
+
+TEST_F(DaemonTest, WhoReadsAFileGetsAllOfOneText) {
+    ReservationFiles files(PathOf(""));
+    files.Write("reservation.A", "first");
+    std::ifstream reader(PathOf("reservation.A"));
+    files.Write("reservation.A", "second");
+    fs::create_hard_link(PathOf("reservation.A"), PathOf("backup"));
+    for (const char* text : {"third", "fourth", "fifth"}) files.Write("reservation.A", text);
+    files.Remove("reservation.A");
+    files.Write("reservation.B", "sixth");
+    std::string read;
+    EXPECT_EQ((reader >> read, read), "first");
+    EXPECT_EQ(Content(PathOf("backup")), "second");
+    EXPECT_EQ(Content(PathOf("reservation.B")), "sixth");
+    EXPECT_EQ(FilesIn(""), "reservation.B ");
+    EXPECT_LE(std::distance(fs::directory_iterator(PathOf(".staging")), {}), 2);
+
+    fs::create_directory_symlink(PathOf("elsewhere"), PathOf("ignored"));
+    EXPECT_THROW(files.SetAside("reservation.B"), std::system_error);
 }
 
 TEST_F(DaemonTest, ADryRunTellsWhatWouldHappenAndDoesNothing) {
@@ -220,8 +289,7 @@ TEST_F(DaemonTest, ADryRunTellsWhatWouldHappenAndDoesNothing) {
 
 TEST_F(DaemonTest, JobsAreCountedAgainWhenTheirPortsAreReportedAgain) {
     settings.options.reservation_auto_by_pkeys = true;
-    DieAfter([&] {
-        Daemon daemon(settings);
+    DieAfter(settings, [&](Daemon& daemon) {
         daemon.ReportPort("guid: 1 pkeys: 0x7fff");
         daemon.ReportPort("guid: 2 pkeys: 0x7fff");
         daemon.Begin("job_id: 7 guids: [1, 2] trees: 2");

@@ -451,7 +451,7 @@ TEST_F(ConnectedReplayTest, DaemonThatCannotBeUsedIsToldApartFromOneThatGoesAway
               "reservation-replay: --auto-by-pkeys: unix:DIR/socket: the daemon does not make reservations from "
               "pkeys\nexit 2\n");
     Program replay(Words(kReplay + kConnect + "--clients 4"));
-    while (!fs::exists(Path("state/reservation.user_1"))) ASSERT_EQ(replay.Output(), "");
+    while (Ctl("list --keys").find("user_1\n") == std::string::npos) ASSERT_EQ(replay.Output(), "");
     daemon.reset();
     EXPECT_EQ(replay.Wait(), 1);
     EXPECT_EQ(replay.Output().find("reservation-replay: " + Address() + ": no daemon answers"), 0u);
@@ -598,6 +598,11 @@ protected:
             const Guids job_ids(reservation.job_ids().begin(), reservation.job_ids().end());
             EXPECT_EQ(std::pair(reservation.used_trees(), job_ids), accounts[key]);
             stored[key] = state[key] = {reservation.guids().begin(), reservation.guids().end()};
+        }
+        // The files follow within seconds.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (ReadStored() != stored && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         EXPECT_EQ(ReadStored(), stored);
         return state;

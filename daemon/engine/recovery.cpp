@@ -123,8 +123,8 @@ private:
         const std::string key = info->info.reservation_key;
         const bool is_stored = input_.stored.contains(key);
         const bool is_lost = input_.damaged_keys.contains(key);
-        const bool may_be_old = input_.trust == JournalTrust::kMachineDied ||
-                                (input_.trust == JournalTrust::kNone && is_stored);
+        const bool may_be_old =
+            input_.trust == JournalTrust::kMachineDied || (input_.trust == JournalTrust::kNone && is_stored);
         if (FileNameOf(key) != name && (is_stored || names_.contains(FileNameOf(key)) || taken_keys_.contains(key))) {
             SetAside(name, absl::StrCat("holds reservation ", key, ", which has a file of its own"));
         } else if (may_be_old && !is_lost) {
@@ -144,8 +144,9 @@ private:
             for (const uint64_t guid : GuidsOf(*candidate->info)) {
                 const auto [holder, is_free] = holders.emplace(guid, candidate->key);
                 if (is_free) continue;
-                SetAside(candidate->name, absl::StrFormat("gives reservation %s the GUID 0x%x, which reservation %s has",
-                                                          candidate->key, guid, holder->second));
+                SetAside(candidate->name,
+                         absl::StrFormat("gives reservation %s the GUID 0x%x, which reservation %s has", candidate->key,
+                                         guid, holder->second));
                 taken_keys_.erase(candidate->key);
                 candidates_.erase(candidate);
                 return true;

@@ -40,8 +40,8 @@ struct RecoveryPlan {
 
 // Decides, and changes nothing. The store is the truth. A file is left unread when its size and time are those that the
 // daemon wrote; such a file is at most older than the store. Any other one whose text the daemon did not write is an
-// operator's: it is taken, when it is good and leaves every GUID to one reservation, and set aside otherwise. Unless the
-// journal can be believed, a file that may just be older than the store is not taken for an operator's.
+// operator's: it is taken, when it is good and leaves every GUID to one reservation, and set aside otherwise. Unless
+// the journal can be believed, a file that may just be older than the store is not taken for an operator's.
 RecoveryPlan PlanRecovery(const RecoveryInput& input);
 
 }    // namespace reservationd

@@ -50,8 +50,8 @@ void FileMirror::WaitForRoom() const {
 
 MirrorStatus FileMirror::status() const {
     const absl::MutexLock lock(&mutex_);
-    return {dirty_keys_.size() + num_being_written_,
-            std::max(absl::Now() - OldestDirty(), absl::ZeroDuration()), fault_};
+    return {dirty_keys_.size() + num_being_written_, std::max(absl::Now() - OldestDirty(), absl::ZeroDuration()),
+            fault_};
 }
 
 // ---- The mirror's thread ----
@@ -98,7 +98,8 @@ void FileMirror::WriteBatch(const Batch& batch) {
     std::map<std::string, std::optional<JournalEntry>> entries;
     for (const Write& write : batch) {
         if (write.text != nullptr) {
-            entries[write.key] = {files_.Write(FileNameOf(write.key), *write.text), intentions[write.key], std::nullopt};
+            entries[write.key] = {files_.Write(FileNameOf(write.key), *write.text), intentions[write.key],
+                                  std::nullopt};
         } else {
             files_.Remove(FileNameOf(write.key));
             entries[write.key] = std::nullopt;

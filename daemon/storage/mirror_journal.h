@@ -34,8 +34,8 @@ enum class JournalTrust {
     kNone,    // there is none, or it belongs to another store, or to a later state of this one
 };
 
-// A small SQLite database beside the files. Used by one thread at a time. Everything throws StoreError when the database
-// cannot be read or written.
+// A small SQLite database beside the files. Used by one thread at a time. Everything throws StoreError when the
+// database cannot be read or written.
 class MirrorJournal {
 public:
     // Opens the database, or creates it; one that is damaged is replaced by an empty one. `store` is the store that

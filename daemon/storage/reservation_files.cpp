@@ -183,7 +183,8 @@ bool ReservationFiles::TakeSpare(const std::string& text) {
     while (!spares_.empty()) {
         const std::string& spare = spares_.back();
         File file(staging_file_, spare, StagedPathOf(spare), O_WRONLY);
-        // Somebody may still read the file, or have linked it as a backup. A write lease is given when nobody has it open.
+        // Somebody may still read the file, or have linked it as a backup. A write lease is given when nobody has it
+        // open.
         const bool is_ours = file.is_open() && file.Status().st_nlink == 1 &&
                              fcntl(file.number(), F_SETLEASE, F_WRLCK) == 0 &&
                              fcntl(file.number(), F_SETLEASE, F_UNLCK) == 0;

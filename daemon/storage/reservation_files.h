@@ -3,7 +3,6 @@
 #pragma once
 
 #include <absl/status/statusor.h>
-
 #include <sys/stat.h>
 
 #include <cstddef>

@@ -21,7 +21,9 @@ inline void Bind(SQLite::Statement& statement, int place, uint64_t value) {
 
 inline void Bind(SQLite::Statement& statement, int place, int64_t value) { statement.bind(place, value); }
 
-inline void Bind(SQLite::Statement& statement, int place, const std::string& text) { statement.bindNoCopy(place, text); }
+inline void Bind(SQLite::Statement& statement, int place, const std::string& text) {
+    statement.bindNoCopy(place, text);
+}
 
 inline void Bind(SQLite::Statement& statement, int place, const Blob& blob) {
     statement.bindNoCopy(place, blob.bytes.data(), static_cast<int>(blob.bytes.size()));

@@ -450,8 +450,11 @@ TEST_F(ConnectedReplayTest, DaemonThatCannotBeUsedIsToldApartFromOneThatGoesAway
     EXPECT_EQ(Replay(kConnect + "--auto-by-pkeys"),
               "reservation-replay: --auto-by-pkeys: unix:DIR/socket: the daemon does not make reservations from "
               "pkeys\nexit 2\n");
+    const auto stub = Connect(Address());
+    v1::DaemonInfo info;
     Program replay(Words(kReplay + kConnect + "--clients 4"));
-    while (Ctl("list --keys").find("user_1\n") == std::string::npos) ASSERT_EQ(replay.Output(), "");
+    while (Call(*stub, &Stub::GetDaemonInfo, {}, &info).ok() && info.last_sequence() == 0)
+        ASSERT_EQ(replay.Output(), "");
     daemon.reset();
     EXPECT_EQ(replay.Wait(), 1);
     EXPECT_EQ(replay.Output().find("reservation-replay: " + Address() + ": no daemon answers"), 0u);

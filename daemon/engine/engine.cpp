@@ -356,6 +356,12 @@ void Engine::Describe(v1::DaemonInfo* info) const {
     info->set_last_sequence(events_.newest());
     info->set_oldest_sequence(events_.oldest());
     info->set_store_writable(store_is_writable_);
+    info->set_epoch(store_->identity().id);
+    info->set_store_generation(store_->identity().generation);
+    const MirrorStatus mirror = mirror_->status();
+    info->set_unwritten_files(mirror.dirty_keys);
+    info->set_unwritten_files_age_millis(static_cast<uint64_t>(absl::ToInt64Milliseconds(mirror.lag)));
+    if (!mirror.fault.empty()) info->add_warnings("reservation files cannot be written: " + mirror.fault);
 }
 
 }    // namespace reservationd

@@ -58,6 +58,22 @@ public:
         return CallMethod(MethodFor(request), request);
     }
 
+    // Calls for one page of a listing after another, and returns them as one reply. Its version is that of the first
+    // page: what comes, changes or goes while the later pages are read may be in the reply or not. An error as Call().
+    template <typename Request>
+    auto CallForAllPages(Request request) const {
+        auto listing = Call(request);
+        while (listing.ok() && !listing->next_page_token().empty()) {
+            request.set_page_token(listing->next_page_token());
+            auto page = Call(request);
+            if (!page.ok()) return page;
+            if constexpr (requires { page->clear_version(); }) page->clear_version();
+            listing->clear_next_page_token();
+            listing->MergeFrom(*page);
+        }
+        return listing;
+    }
+
     // The stream must not outlive the client.
     std::unique_ptr<EventStream> Watch(const v1::WatchRequest& request) const;
 

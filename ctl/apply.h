@@ -11,13 +11,13 @@ namespace reservationctl {
 
 struct ApplySettings {
     std::string path;    // of the declaration; -: standard input
-    bool is_dry_run = false;    // show the plan and do nothing
-    bool is_agreed = false;    // do not ask
+    bool dry_run = false;    // show the plan and do nothing
+    bool assume_yes = false;    // do not ask
 };
 
 // Prints the plan and what each step costs, asks, and carries the plan out. kRefused when a step was or would be
 // refused, when the answer is no, and when a step has come to cost more than the plan told; then no later step is
-// carried out. Throws what Client throws, and UsageError for a file that cannot be used.
+// carried out. Throws what Call() throws, and UsageError for a file that cannot be used.
 ExitStatus Apply(const Client& client, const ApplySettings& settings);
 
 }    // namespace reservationctl

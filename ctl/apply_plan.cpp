@@ -1,5 +1,6 @@
 #include "ctl/apply_plan.h"
 
+#include <fmt/format.h>
 #include <google/protobuf/util/message_differencer.h>
 
 #include <algorithm>
@@ -20,7 +21,7 @@ namespace {
 
 using google::protobuf::util::MessageDifferencer;
 
-constexpr size_t kGuidsInPlan = 60;    // characters
+constexpr size_t kMaxGuidsWidth = 60;    // characters
 
 GuidList SortedGuids(const v1::Reservation& reservation) {
     GuidList guids(reservation.guids().begin(), reservation.guids().end());
@@ -37,7 +38,7 @@ GuidList Difference(const GuidList& guids, const GuidList& without) {
 // What cannot change in a reservation, and does; or "".
 std::string FixedDifference(const v1::Reservation& old_one, const v1::Reservation& new_one) {
     if (old_one.pkey() != new_one.pkey()) {
-        return "its pkey becomes " + FormatHex(new_one.pkey()) + " instead of " + FormatHex(old_one.pkey());
+        return fmt::format("its pkey becomes {:#x} instead of {:#x}", new_one.pkey(), old_one.pkey());
     }
     if (!MessageDifferencer::Equals(old_one.limits(), new_one.limits())) return "its limits change";
     if (old_one.auto_created() != new_one.auto_created()) return "its mark as made from pkeys changes";
@@ -69,8 +70,8 @@ public:
                 Change(*found->second, reservation);
             }
         }
-        std::vector<Step> steps = std::move(giving_);
-        for (std::vector<Step>* later : {&deletions_, &taking_}) {
+        std::vector<Step> steps = std::move(shrinking_);
+        for (std::vector<Step>* later : {&deletions_, &growing_}) {
             std::move(later->begin(), later->end(), std::back_inserter(steps));
         }
         return steps;
@@ -92,12 +93,12 @@ private:
         const GuidList new_guids = SortedGuids(new_one);
         const GuidList added = Difference(new_guids, old_guids);
         const GuidList removed = Difference(old_guids, new_guids);
-        if (!IsAnyHeld(added)) return Update(giving_, new_one.key(), added, removed);
-        Update(giving_, new_one.key(), {}, removed);
-        Update(taking_, new_one.key(), added, {});
+        if (!IsAnyHeld(added)) return Update(shrinking_, new_one.key(), added, removed);
+        Update(shrinking_, new_one.key(), {}, removed);
+        Update(growing_, new_one.key(), added, {});
     }
 
-    void Create(const v1::Reservation& reservation, bool waits) {
+    void Create(const v1::Reservation& reservation, bool depends_on_earlier_steps) {
         v1::CreateReservationRequest request;
         request.set_key(reservation.key());
         request.set_pkey(reservation.pkey());
@@ -106,8 +107,9 @@ private:
         request.set_auto_created(reservation.auto_created());
         const bool is_empty = reservation.guids().empty();
         if (is_empty) request.add_guids(FreeGuid());
-        taking_.push_back({std::move(request), is_empty ? "nothing is created without GUIDs" : "", waits});
-        if (is_empty) Update(taking_, reservation.key(), {}, {FreeGuid()});
+        growing_.push_back(
+            {std::move(request), is_empty ? "nothing is created without GUIDs" : "", depends_on_earlier_steps});
+        if (is_empty) Update(growing_, reservation.key(), {}, {FreeGuid()});
     }
 
     void Update(std::vector<Step>& steps, const std::string& key, const GuidList& added,
@@ -117,7 +119,7 @@ private:
         request.set_key(key);
         request.mutable_add_guids()->Add(added.begin(), added.end());
         request.mutable_remove_guids()->Add(removed.begin(), removed.end());
-        steps.push_back({std::move(request), "", &steps == &taking_});
+        steps.push_back({std::move(request), "", &steps == &growing_});
     }
 
     void Delete(const std::string& key, const std::string& reason) {
@@ -137,9 +139,9 @@ private:
     std::unordered_set<std::string> wanted_keys_;
     std::unordered_set<uint64_t> held_guids_;
     std::unordered_set<uint64_t> wanted_guids_;
-    std::vector<Step> giving_;
+    std::vector<Step> shrinking_;
     std::vector<Step> deletions_;
-    std::vector<Step> taking_;
+    std::vector<Step> growing_;
 };
 
 // ---- In words ----
@@ -147,12 +149,12 @@ private:
 std::string DescribeGuids(const google::protobuf::RepeatedField<uint64_t>& guids) {
     GuidList list(guids.begin(), guids.end());
     std::sort(list.begin(), list.end());
-    return Count(list.size(), "GUID") + (list.empty() ? "" : " (" + FoldGuids(list, kGuidsInPlan) + ")");
+    return fmt::format("{} ({})", Count(list.size(), "GUID"), FoldGuids(list, kMaxGuidsWidth));
 }
 
 std::string DescribeRequest(const v1::CreateReservationRequest& request) {
-    return "create " + util::Printable(request.key()) + ": pkey " + FormatHex(request.pkey()) + ", limits " +
-           DescribeLimits(request.limits()) + ", " + DescribeGuids(request.guids());
+    return fmt::format("create {}: pkey {:#x}, limits {}, {}", util::Printable(request.key()), request.pkey(),
+                       DescribeLimits(request.limits()), DescribeGuids(request.guids()));
 }
 
 std::string DescribeRequest(const v1::UpdateReservationRequest& request) {

@@ -18,12 +18,12 @@ struct Step {
 
     Request request;
     std::string reason;    // where the step alone does not tell why it is there; else empty
-    bool waits = false;    // can succeed only after earlier steps, so that it is too early for a dry run
+    bool depends_on_earlier_steps = false;    // so that a dry run before them tells nothing
 };
 
-// The steps, in an order in which no step takes a GUID that a reservation still holds: what gives GUIDs away comes
-// first, then the deletions, then what takes them. None when there is nothing to change. Jobs can only be in the way of
-// steps that do not wait.
+// The steps, in an order in which no step adds a GUID that another reservation still holds: removals come first, then
+// deletions, then additions and creations. None when there is nothing to change. Jobs can only be in the way of steps
+// that do not depend on earlier ones.
 //
 // Compares key, pkey, limits, origin and GUIDs; the GUIDs may be in any order. Only the GUIDs of a reservation can
 // change, so that one with another pkey, limits or origin is deleted and created anew. A wanted reservation without

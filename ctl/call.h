@@ -26,4 +26,12 @@ auto Call(const Client& client, const Request& request) {
     return *std::move(reply);
 }
 
+// The same for a listing, of which it returns all pages in one.
+template <typename Request>
+auto CallForAllPages(const Client& client, const Request& request) {
+    auto reply = client.CallForAllPages(request);
+    if (!reply.ok()) throw ErrorOf(reply.status(), client);
+    return *std::move(reply);
+}
+
 }    // namespace reservationctl

@@ -1,5 +1,6 @@
 #include "ctl/commands.h"
 
+#include <fmt/format.h>
 #include <google/protobuf/util/json_util.h>
 
 #include <iostream>
@@ -50,7 +51,7 @@ ExitStatus PrintChange(const Client& client, const Request& request, Format form
 
 ExitStatus PrintReservations(const Client& client, const v1::GetReservationsRequest& request, Format format,
                              std::string (*describe)(const v1::ReservationReply& reply)) {
-    const v1::ReservationReply reply = Call(client, request);
+    const v1::ReservationReply reply = CallForAllPages(client, request);
     if (format == Format::kJson) PrintJson(reply);
     if (reply.status() != v1::STATUS_SUCCESS) {
         std::cerr << "refused: " << DescribeRefusal(reply);
@@ -114,13 +115,13 @@ ExitStatus BeginJob(const Client& client, const v1::BeginJobRequest& request, Fo
 ExitStatus EndJob(const Client& client, const v1::EndJobRequest& request, Format format) {
     const v1::EndJobReply reply = Call(client, request);
     Print(reply, format, [&] {
-        return "job " + std::to_string(request.job_id()) + (reply.was_running() ? " ended\n" : " was not running\n");
+        return fmt::format("job {} {}\n", request.job_id(), reply.was_running() ? "ended" : "was not running");
     });
     return ExitStatus::kDone;
 }
 
 ExitStatus ListJobs(const Client& client, const v1::ListJobsRequest& request, Format format) {
-    const v1::ListJobsReply reply = Call(client, request);
+    const v1::ListJobsReply reply = CallForAllPages(client, request);
     Print(reply, format, [&] { return DescribeInTable(reply.jobs()); });
     return ExitStatus::kDone;
 }
@@ -129,14 +130,14 @@ ExitStatus ReportPort(const Client& client, const v1::ReportPortRequest& request
     const v1::ReportPortReply reply = Call(client, request);
     Print(reply, format, [&] {
         const std::string& key = reply.reservation_key();
-        return std::string(reply.acted() ? "changed: " : "nothing changed: ") + "the HCA is in " +
-               (key.empty() ? "no reservation" : "reservation " + util::Printable(key)) + "\n";
+        return fmt::format("{}: the HCA is in {}\n", reply.acted() ? "changed" : "nothing changed",
+                           key.empty() ? "no reservation" : "reservation " + util::Printable(key));
     });
     return ExitStatus::kDone;
 }
 
-ExitStatus ShowStatus(const Client& client, Format format) {
-    const v1::DaemonInfo info = Call(client, v1::GetDaemonInfoRequest());
+ExitStatus ShowStatus(const Client& client, const v1::GetDaemonInfoRequest& request, Format format) {
+    const v1::DaemonInfo info = Call(client, request);
     Print(info, format, [&] { return Describe(info); });
     return ExitStatus::kDone;
 }

@@ -27,7 +27,7 @@ ExitStatus BeginJob(const Client& client, const v1::BeginJobRequest& request, Fo
 ExitStatus EndJob(const Client& client, const v1::EndJobRequest& request, Format format);
 ExitStatus ListJobs(const Client& client, const v1::ListJobsRequest& request, Format format);
 ExitStatus ReportPort(const Client& client, const v1::ReportPortRequest& request, Format format);
-ExitStatus ShowStatus(const Client& client, Format format);
+ExitStatus ShowStatus(const Client& client, const v1::GetDaemonInfoRequest& request, Format format);
 
 // Prints events as they come, `count` of them; 0: without end.
 ExitStatus WatchEvents(const Client& client, const v1::WatchRequest& request, uint64_t count, Format format);

@@ -1,5 +1,6 @@
 #include "ctl/declaration.h"
 
+#include <fmt/format.h>
 #include <google/protobuf/util/json_util.h>
 
 #include <nlohmann/json.hpp>
@@ -10,6 +11,7 @@
 
 #include "ctl/errors.h"
 #include "ctl/guid_list.h"
+#include "util/limits.h"
 
 namespace reservationctl {
 namespace {
@@ -17,11 +19,15 @@ namespace {
 namespace v1 = reservation::v1;
 using nlohmann::json;
 
-constexpr uint64_t kMaxPkey = 0xffff;
-constexpr uint32_t kLimitNotGiven = 0xffffffff;
+// Deeper than any declaration. Much deeper values exhaust the stack of those who walk through them.
+constexpr int kMaxDepth = 16;
 
 json ParseJson(const std::string& text, const std::string& name) try {
-    return json::parse(text, nullptr, true, true);
+    const auto check_depth = [&name](int depth, json::parse_event_t, const json&) {
+        if (depth > kMaxDepth) throw UsageError(fmt::format("{}: has more than {} levels", name, kMaxDepth));
+        return true;
+    };
+    return json::parse(text, check_depth, true, true);
 } catch (const json::exception& error) {
     const std::string message = error.what();
     const size_t end_of_tag = message.find("] ");
@@ -47,25 +53,27 @@ void ForgetLimitsNotGiven(v1::Limits& limits) {
     std::vector<const google::protobuf::FieldDescriptor*> given;
     reflection.ListFields(limits, &given);
     for (const auto* limit : given) {
-        if (reflection.GetUInt32(limits, limit) == kLimitNotGiven) reflection.ClearField(&limits, limit);
+        if (reflection.GetUInt32(limits, limit) == util::kLimitNotGiven) reflection.ClearField(&limits, limit);
     }
 }
 
 v1::Reservation ParseReservation(json element, const std::string& name, size_t index) {
-    std::string source = name + ": reservation " + std::to_string(index + 1);
+    std::string source = fmt::format("{}: reservation {}", name, index + 1);
     if (!element.is_object()) throw UsageError(source + " is not an object");
     const auto key = element.find("key");
-    if (key != element.end() && key->is_string()) source += " (" + key->get_ref<const std::string&>() + ")";
+    if (key != element.end() && key->is_string()) source += fmt::format(" ({})", key->get_ref<const std::string&>());
     const GuidList guids = TakeGuids(element, source);
     const auto pkey = element.find("pkey");
-    if (pkey != element.end() && pkey->is_string()) *pkey = ParseNumber(pkey->get<std::string>(), 0, kMaxPkey, source);
+    if (pkey != element.end() && pkey->is_string()) {
+        *pkey = ParseNumber(pkey->get_ref<const std::string&>(), 0, util::kMaxPkey, source);
+    }
 
     v1::Reservation reservation;
     const auto status = google::protobuf::util::JsonStringToMessage(element.dump(), &reservation);
     if (!status.ok()) throw UsageError(source + ": " + std::string(status.message()));
     if (reservation.key().empty()) throw UsageError(source + ": has no key");
-    if (reservation.pkey() > kMaxPkey) {
-        throw UsageError(source + ": pkey " + std::to_string(reservation.pkey()) + " is above 65535");
+    if (reservation.pkey() > util::kMaxPkey) {
+        throw UsageError(fmt::format("{}: pkey {} is above {}", source, reservation.pkey(), util::kMaxPkey));
     }
     if (reservation.has_limits()) ForgetLimitsNotGiven(*reservation.mutable_limits());
     reservation.mutable_guids()->Add(guids.begin(), guids.end());
@@ -77,13 +85,13 @@ void CheckTogether(const Reservations& reservations, const std::string& name) {
     std::unordered_map<uint64_t, const v1::Reservation*> holders;
     for (const v1::Reservation& reservation : reservations) {
         if (!keys.insert(reservation.key()).second) {
-            throw UsageError(name + ": reservation " + reservation.key() + " is there twice");
+            throw UsageError(fmt::format("{}: reservation {} is there twice", name, reservation.key()));
         }
         for (const uint64_t guid : reservation.guids()) {
             const auto [holder, is_first] = holders.emplace(guid, &reservation);
             if (is_first) continue;
-            throw UsageError(name + ": GUID " + FormatHex(guid) + " of reservation " + reservation.key() +
-                             " is there already, in reservation " + holder->second->key());
+            throw UsageError(fmt::format("{}: GUID {:#x} of reservation {} is there already, in reservation {}", name,
+                                         guid, reservation.key(), holder->second->key()));
         }
     }
 }

@@ -1,11 +1,15 @@
 #include "ctl/describe.h"
 
-#include <array>
-#include <ctime>
+#include <absl/strings/str_cat.h>
+#include <absl/strings/str_join.h>
+#include <absl/time/time.h>
+#include <fmt/format.h>
+
 #include <vector>
 
 #include "ctl/guid_list.h"
 #include "ctl/table.h"
+#include "util/limits.h"
 #include "util/text.h"
 
 namespace reservationctl {
@@ -14,10 +18,7 @@ namespace v1 = reservation::v1;
 
 namespace {
 
-constexpr size_t kGuidsInTable = 60;    // characters
-constexpr uint32_t kNoTreesLimit = 24575;
-constexpr uint32_t kNoDefaultTrees = 0xffffffff;
-constexpr int64_t kMillisPerSecond = 1000;
+constexpr size_t kMaxGuidsWidth = 60;    // characters
 
 template <typename Guids>
 GuidList ToList(const Guids& guids) {
@@ -25,9 +26,9 @@ GuidList ToList(const Guids& guids) {
 }
 
 std::string DescribeTrees(const v1::Reservation& reservation) {
-    const uint32_t max = reservation.max_trees();
-    return std::to_string(reservation.used_trees()) + " of " +
-           (max == kNoTreesLimit ? "unlimited" : std::to_string(max));
+    const bool is_unlimited = reservation.max_trees() == util::kNoTreesLimit;
+    return fmt::format("{} of {}", reservation.used_trees(),
+                       is_unlimited ? "unlimited" : std::to_string(reservation.max_trees()));
 }
 
 std::string DescribeState(const v1::Reservation& reservation) {
@@ -42,12 +43,7 @@ std::string DescribeState(const v1::Reservation& reservation) {
 }
 
 std::string DescribeTime(int64_t unix_millis) {
-    const std::time_t seconds = unix_millis / kMillisPerSecond;
-    std::tm utc{};
-    gmtime_r(&seconds, &utc);
-    std::array<char, 32> text{};
-    std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return text.data();
+    return absl::FormatTime("%Y-%m-%dT%H:%M:%SZ", absl::FromUnixMillis(unix_millis), absl::UTCTimeZone());
 }
 
 std::string YesOrNo(bool value) { return value ? "yes" : "no"; }
@@ -61,19 +57,18 @@ std::string DescribeFacts(const std::vector<std::vector<std::string>>& facts) {
 
 std::string DescribeKind(const v1::Event& event) {
     const std::string key = util::Printable(event.reservation_key());
-    const std::string job = "job " + std::to_string(event.job_id()) + " of " + key;
     const std::string reason = event.reason().empty() ? "" : ": " + util::Printable(event.reason());
     switch (event.kind()) {
         case v1::Event::KIND_RESERVATION_CREATED:
-            return "reservation " + key + " created";
+            return fmt::format("reservation {} created", key);
         case v1::Event::KIND_RESERVATION_UPDATED:
-            return "reservation " + key + " updated";
+            return fmt::format("reservation {} updated", key);
         case v1::Event::KIND_RESERVATION_REMOVED:
-            return "reservation " + key + " removed";
+            return fmt::format("reservation {} removed", key);
         case v1::Event::KIND_JOB_ERROR:
-            return job + " lost its reservation" + reason;
+            return fmt::format("job {} of {} lost its reservation{}", event.job_id(), key, reason);
         case v1::Event::KIND_JOB_END:
-            return job + " is to be ended" + reason;
+            return fmt::format("job {} of {} is to be ended{}", event.job_id(), key, reason);
         default:
             return v1::Event::Kind_Name(event.kind());
     }
@@ -82,24 +77,20 @@ std::string DescribeKind(const v1::Event& event) {
 }    // namespace
 
 std::string Count(size_t number, const std::string& thing) {
-    return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
+    return fmt::format("{} {}{}", number, thing, number == 1 ? "" : "s");
 }
 
 std::string JoinNumbers(const google::protobuf::RepeatedField<uint64_t>& numbers) {
-    std::string text;
-    for (const uint64_t number : numbers) text += (text.empty() ? "" : ",") + std::to_string(number);
-    return text;
+    return absl::StrJoin(numbers, ",");
 }
 
 std::string DescribeLimits(const v1::Limits& limits) {
     std::vector<const google::protobuf::FieldDescriptor*> given;
     limits.GetReflection()->ListFields(limits, &given);
-    std::string text;
-    for (const auto* limit : given) {
-        text += (text.empty() ? "" : ",") + limit->name() + "=" +
-                std::to_string(limits.GetReflection()->GetUInt32(limits, limit));
-    }
-    return text.empty() ? "none" : text;
+    if (given.empty()) return "none";
+    return absl::StrJoin(given, ",", [&](std::string* text, const google::protobuf::FieldDescriptor* limit) {
+        absl::StrAppend(text, limit->name(), "=", limits.GetReflection()->GetUInt32(limits, limit));
+    });
 }
 
 std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Reservation>& reservations) {
@@ -109,7 +100,7 @@ std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Reserva
         table.AddRow({util::Printable(reservation.key()), FormatHex(reservation.pkey()),
                       std::to_string(reservation.guids_size()), DescribeTrees(reservation),
                       std::to_string(reservation.job_ids_size()),
-                      FoldGuids(ToList(reservation.guids()), kGuidsInTable)});
+                      FoldGuids(ToList(reservation.guids()), kMaxGuidsWidth)});
     }
     return table.ToString();
 }
@@ -139,7 +130,7 @@ std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Job>& j
     for (const v1::Job& job : jobs) {
         table.AddRow({std::to_string(job.job_id()), util::Printable(job.reservation_key()),
                       std::to_string(job.planes()), std::to_string(job.trees()), YesOrNo(job.accounted()),
-                      std::to_string(job.guids_size()), FoldGuids(ToList(job.guids()), kGuidsInTable)});
+                      std::to_string(job.guids_size()), FoldGuids(ToList(job.guids()), kMaxGuidsWidth)});
     }
     return table.ToString();
 }
@@ -156,32 +147,31 @@ std::string Describe(const v1::DaemonInfo& info) {
          {"reserved HCAs", std::to_string(info.reserved_hcas())},
          {"jobs", std::to_string(info.jobs())},
          {"refused creates and updates", std::to_string(info.failed_reservation_requests())},
-         {"events kept", std::to_string(info.oldest_sequence()) + " to " + std::to_string(info.last_sequence())},
+         {"events kept", fmt::format("{} to {}", info.oldest_sequence(), info.last_sequence())},
          {"reservation mode", YesOrNo(info.reservation_mode())},
          {"reservations from pkeys", YesOrNo(info.reservation_auto_by_pkeys())},
          {"GUID override allowed", YesOrNo(info.reservation_allow_guid_override())},
          {"ending jobs allowed", YesOrNo(info.reservation_allow_ending_jobs())},
          {"stored reservations loaded", YesOrNo(info.load_persistent_reservations())},
-         {"default trees limit", trees == kNoDefaultTrees ? "none" : std::to_string(trees)},
+         {"default trees limit", trees == util::kLimitNotGiven ? "none" : std::to_string(trees)},
          {"most jobs per HCA", info.max_jobs_per_hca() == 0 ? "unlimited" : std::to_string(info.max_jobs_per_hca())}});
 }
 
 std::string Describe(const v1::Event& event) {
-    if (event.kind() == v1::Event::KIND_NONE) return "next event: " + std::to_string(event.sequence()) + "\n";
-    return std::to_string(event.sequence()) + "  " + DescribeTime(event.time_unix_millis()) + "  " +
-           DescribeKind(event) + "\n";
+    if (event.kind() == v1::Event::KIND_NONE) return fmt::format("next event: {}\n", event.sequence());
+    return fmt::format("{}  {}  {}\n", event.sequence(), DescribeTime(event.time_unix_millis()), DescribeKind(event));
 }
 
 std::string Describe(const v1::Consequences& consequences, bool is_dry_run) {
     std::string text;
     for (const std::string& key : consequences.deleted_reservation_keys()) {
-        text += (is_dry_run ? "would delete reservation " : "deleted reservation ") + util::Printable(key) +
-                ", whose GUIDs are taken\n";
+        text += fmt::format("{} reservation {}, whose GUIDs are taken\n", is_dry_run ? "would delete" : "deleted",
+                            util::Printable(key));
     }
     if (!consequences.ended_job_ids().empty()) {
-        text += (is_dry_run ? "would end " : "ended ") +
-                Count(static_cast<size_t>(consequences.ended_job_ids_size()), "job") + ": " +
-                JoinNumbers(consequences.ended_job_ids()) + "\n";
+        text += fmt::format("{} {}: {}\n", is_dry_run ? "would end" : "ended",
+                            Count(static_cast<size_t>(consequences.ended_job_ids_size()), "job"),
+                            JoinNumbers(consequences.ended_job_ids()));
     }
     return text;
 }

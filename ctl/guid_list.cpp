@@ -1,13 +1,15 @@
 #include "ctl/guid_list.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
-#include <array>
 #include <charconv>
-#include <fstream>
 #include <istream>
 #include <optional>
+#include <sstream>
 
 #include "ctl/errors.h"
+#include "util/file.h"
 
 namespace reservationctl {
 namespace {
@@ -35,15 +37,9 @@ std::optional<uint64_t> ParseNumber(std::string_view text) {
 
 // 0200:0000:00a1:b2c0, as the tools of the HCAs print it.
 std::optional<uint64_t> ParseGroups(std::string_view text) {
-    constexpr size_t kNumGroups = 4;
-    constexpr size_t kGroupLength = 4;
-    if (text.size() != kNumGroups * (kGroupLength + 1) - 1) return std::nullopt;
-    std::string digits;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const bool is_colon = i % (kGroupLength + 1) == kGroupLength;
-        if (is_colon != (text[i] == ':')) return std::nullopt;
-        if (!is_colon) digits += text[i];
-    }
+    const bool is_grouped = text.size() == 19 && text[4] == ':' && text[9] == ':' && text[14] == ':';
+    std::string digits(text);
+    if (!is_grouped || std::erase(digits, ':') != 3) return std::nullopt;
     return ParseDigits(digits, 16);
 }
 
@@ -60,7 +56,7 @@ void ParseItem(std::string_view item, const std::string& source, GuidList& guids
     const uint64_t last = dash == item.npos ? first : ParseGuid(item.substr(dash + 1), item, source);
     if (last < first) Fail(source, item, "is a range that ends before it begins");
     if (last - first >= kMaxGuids - guids.size()) {
-        Fail(source, item, "makes the list longer than " + std::to_string(kMaxGuids) + " GUIDs");
+        Fail(source, item, fmt::format("makes the list longer than {} GUIDs", kMaxGuids));
     }
     for (uint64_t guid = first; guid != last; ++guid) guids.push_back(guid);
     guids.push_back(last);
@@ -69,7 +65,7 @@ void ParseItem(std::string_view item, const std::string& source, GuidList& guids
 void ReadGuidLines(std::istream& input, const std::string& name, GuidList& guids) {
     std::string line;
     for (size_t number = 1; std::getline(input, line); ++number) {
-        ParseGuids(std::string_view(line).substr(0, line.find('#')), name + ":" + std::to_string(number), guids);
+        ParseGuids(std::string_view(line).substr(0, line.find('#')), fmt::format("{}:{}", name, number), guids);
     }
     if (input.bad()) throw UsageError(name + ": cannot be read");
 }
@@ -79,7 +75,7 @@ void ReadGuidLines(std::istream& input, const std::string& name, GuidList& guids
 uint64_t ParseNumber(std::string_view text, uint64_t min, uint64_t max, const std::string& source) {
     const std::optional<uint64_t> number = ParseNumber(text);
     if (!number || *number < min || *number > max) {
-        Fail(source, text, "is not a number from " + std::to_string(min) + " to " + std::to_string(max));
+        Fail(source, text, fmt::format("is not a number from {} to {}", min, max));
     }
     return *number;
 }
@@ -100,9 +96,10 @@ GuidList ReadGuids(const std::vector<std::string>& values, const std::string& op
             ReadGuidLines(standard_input, "standard input", guids);
         } else if (value.starts_with('@')) {
             const std::string path = value.substr(1);
-            std::ifstream file(path);
-            if (!file) throw UsageError(option + ": " + path + " cannot be opened");
-            ReadGuidLines(file, path, guids);
+            const absl::StatusOr<std::string> content = util::ReadWholeFile(path);
+            if (!content.ok()) throw UsageError(fmt::format("{}: {}", option, std::string(content.status().message())));
+            std::istringstream lines(*content);
+            ReadGuidLines(lines, path, guids);
         } else {
             ParseGuids(value, option, guids);
         }
@@ -110,11 +107,7 @@ GuidList ReadGuids(const std::vector<std::string>& values, const std::string& op
     return guids;
 }
 
-std::string FormatHex(uint64_t number) {
-    std::array<char, 2 * sizeof(number)> digits{};
-    char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), number, 16).ptr;
-    return "0x" + std::string(digits.data(), end);
-}
+std::string FormatHex(uint64_t number) { return fmt::format("{:#x}", number); }
 
 std::string FoldGuids(const GuidList& guids, size_t max_length) {
     std::string text;

@@ -1,9 +1,12 @@
 #include "ctl/refusal.h"
 
+#include <absl/strings/str_join.h>
+#include <fmt/format.h>
+
 #include <string_view>
+#include <vector>
 
 #include "ctl/describe.h"
-#include "ctl/guid_list.h"
 #include "util/text.h"
 
 namespace reservationctl {
@@ -76,24 +79,24 @@ Explanation Explain(v1::BeginJobReply::Result result) {
 }
 
 std::string Line(std::string_view name, std::string_view text) {
-    return text.empty() ? "" : "  " + std::string(name) + util::Printable(text) + "\n";
+    return text.empty() ? "" : fmt::format("  {}: {}\n", name, util::Printable(text));
 }
 
 std::string DescribeConflict(const v1::Conflict& conflict) {
-    std::string text;
-    const auto add = [&text](const std::string& item) { text += (text.empty() ? "" : ", ") + item; };
-    if (conflict.guid() != 0) add("GUID " + FormatHex(conflict.guid()));
-    if (!conflict.reservation_key().empty()) add("reservation " + conflict.reservation_key());
+    std::vector<std::string> items;
+    if (conflict.guid() != 0) items.push_back(fmt::format("GUID {:#x}", conflict.guid()));
+    if (!conflict.reservation_key().empty()) items.push_back("reservation " + conflict.reservation_key());
     if (!conflict.job_ids().empty()) {
-        add((conflict.job_ids_size() == 1 ? "job " : "jobs ") + JoinNumbers(conflict.job_ids()));
+        items.push_back(
+            fmt::format("{} {}", conflict.job_ids_size() == 1 ? "job" : "jobs", JoinNumbers(conflict.job_ids())));
     }
-    return text;
+    return absl::StrJoin(items, ", ");
 }
 
 std::string Describe(const std::string& status_name, const Explanation& explanation, const std::string& reason,
                      const v1::Conflict& conflict) {
-    return status_name + ": " + std::string(explanation.meaning) + "\n" + Line("the daemon: ", reason) +
-           Line("in the way: ", DescribeConflict(conflict)) + Line("what helps: ", explanation.advice);
+    return fmt::format("{}: {}\n", status_name, explanation.meaning) + Line("the daemon", reason) +
+           Line("in the way", DescribeConflict(conflict)) + Line("what helps", explanation.advice);
 }
 
 }    // namespace

@@ -1,239 +1,357 @@
-// The control program's own work: lists of GUIDs, declarations, the plan of steps, refusals and tables in words.
+// The control program in this process, with a daemon of its own: what it prints, asks and refuses.
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <fstream>
-#include <map>
-#include <set>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <utility>
-#include <variant>
 #include <vector>
 
-#include "ctl/apply_plan.h"
-#include "ctl/declaration.h"
+#include "ctl/command_line.h"
 #include "ctl/describe.h"
-#include "ctl/errors.h"
-#include "ctl/guid_list.h"
-#include "ctl/refusal.h"
-#include "util/text.h"
+#include "tests/files.h"
+#include "tests/programs/program.h"
 
 namespace reservationctl {
 namespace {
 
 namespace v1 = reservation::v1;
 
-// The message of the UsageError that the operation throws.
-template <typename Operation>
-std::string FaultOf(Operation operation) {
-    try {
-        operation();
-    } catch (const UsageError& error) {
-        return error.what();
-    }
-    return "none";
-}
-
-// What a daemon holds, as far as plans go: it refuses to let one reservation take the GUIDs of another.
-class Model {
+// Standard input that somebody types when the program asks for it, after something else has happened.
+class Typist : public std::stringbuf {
 public:
-    explicit Model(const Reservations& reservations) : reservations_(reservations) {}
-
-    const Reservations& Listing() const { return reservations_; }
-
-    // Returns whether the request is carried out.
-    bool CarryOut(const v1::CreateReservationRequest& request) {
-        if (Find(request.key()) != reservations_.end() || request.guids().empty()) return false;
-        v1::Reservation& reservation = *reservations_.Add();
-        reservation.set_key(request.key());
-        reservation.set_pkey(request.pkey());
-        if (request.has_limits()) *reservation.mutable_limits() = request.limits();
-        return Take(reservation, request.guids());
-    }
-
-    bool CarryOut(const v1::UpdateReservationRequest& request) {
-        const auto found = Find(request.key());
-        if (found == reservations_.end()) return false;
-        auto& guids = *found->mutable_guids();
-        for (const uint64_t guid : request.remove_guids()) {
-            const auto held = std::find(guids.begin(), guids.end(), guid);
-            if (held == guids.end()) return false;
-            guids.erase(held);
-        }
-        return Take(*found, request.add_guids());
-    }
-
-    bool CarryOut(const v1::DeleteReservationRequest& request) {
-        const auto found = Find(request.key());
-        if (found == reservations_.end()) return false;
-        reservations_.erase(found);
-        return true;
-    }
+    Typist(std::string text, std::function<void()> meanwhile)
+        : text_(std::move(text)), meanwhile_(std::move(meanwhile)) {}
 
 private:
-    bool Take(v1::Reservation& reservation, const google::protobuf::RepeatedField<uint64_t>& guids) const {
-        std::set<uint64_t> held;
-        for (const v1::Reservation& other : reservations_) held.insert(other.guids().begin(), other.guids().end());
-        reservation.mutable_guids()->MergeFrom(guids);
-        return std::none_of(guids.begin(), guids.end(), [&](uint64_t guid) { return held.contains(guid); });
+    int_type underflow() override {
+        if (meanwhile_) std::exchange(meanwhile_, nullptr)();
+        if (!text_.empty()) str(std::exchange(text_, ""));
+        return std::stringbuf::underflow();
     }
 
-    Reservations::iterator Find(const std::string& key) {
-        const auto has_key = [&](const v1::Reservation& reservation) { return reservation.key() == key; };
-        return std::find_if(reservations_.begin(), reservations_.end(), has_key);
-    }
-
-    Reservations reservations_;
+    std::string text_;
+    std::function<void()> meanwhile_;
 };
 
-Reservations Parse(const std::string& reservations) {
-    return ParseDeclaration("{\"reservations\": [" + reservations + "]}", "test");
+std::string Replaced(const std::string& text, const std::string& what, const std::string& with) {
+    return std::regex_replace(text, std::regex(what), with);
 }
 
-// The steps in words, carried out one by one; those that wait are marked.
-std::string PlanAndCarryOut(Model& model, const Reservations& wanted) {
-    std::string text = "\n";
-    for (const Step& step : PlanChanges(model.Listing(), wanted)) {
-        text += (step.waits ? "then " : "") + Describe(step) + "\n";
-        EXPECT_TRUE(std::visit([&](const auto& request) { return model.CarryOut(request); }, step.request)) << text;
+class CtlTest : public testing::Test {
+protected:
+    CtlTest() {
+        Start("--reservation-allow-ending-jobs");
+        setenv("RESERVATIOND_ADDRESS", ("unix:" + dir_.path() + "/socket").c_str(), 1);
     }
-    return text;
-}
 
-TEST(GuidListTest, ReadsWhatPeopleWriteAndFoldsItAgain) {
-    const std::string path = testing::TempDir() + "ctl_test_guids";
-    std::ofstream(path) << "# hosts of rack 7\n0x30-0x31, 50 # 0x32\n\n0200:0000:00a1:b2c0\r\n";
-    std::istringstream input("0x40\n0x41");
-    GuidList guids = ReadGuids({"0x10-0x12,19", "-", "@" + path}, "--guids", input);
-    EXPECT_EQ(guids.size(), 10U);
-    std::sort(guids.begin(), guids.end());
-    EXPECT_EQ(FoldGuids(guids), "0x10-0x13,0x30-0x32,0x40-0x41,0x200000000a1b2c0");
-    EXPECT_EQ(FoldGuids(guids, 21), "0x10-0x13,0x30-0x32,... (3 more)");
-    EXPECT_EQ(FaultOf([&] { ReadGuids({"-"}, "--add", input); }), "--add: standard input has been read already");
-
-    GuidList last;
-    ParseGuids("0xfffffffffffffffe-18446744073709551615", "", last);
-    EXPECT_EQ(FoldGuids(last), "0xfffffffffffffffe-0xffffffffffffffff");
-    EXPECT_EQ(FoldGuids({}), "");
-}
-
-TEST(GuidListTest, NamesTheItemAndTheLineAtFault) {
-    const std::string path = testing::TempDir() + "ctl_test_faulty_guids";
-    std::ofstream(path) << "0x30\n0x31,zz-2\n";
-    std::istringstream input;
-    EXPECT_EQ(FaultOf([&] { ReadGuids({"@" + path}, "--guids", input); }),
-              path + ":2: 'zz-2' is not a GUID or a range of GUIDs, such as 0x1f, 31 or 0x10-0x1f");
-    EXPECT_EQ(FaultOf([&] { ReadGuids({"@/nowhere"}, "--guids", input); }), "--guids: /nowhere cannot be opened");
-    for (const char* item : {"0x", "-3", "3-", "1-2-3", "0x1g", "1.5", "+1", "18446744073709551616", "@x", "a:b:c:d",
-                             "0200:0000:00a1b:2c0", "0", "0-5", "5-4", "1-0xffffffffffffffff"}) {
-        EXPECT_EQ(FaultOf([&] { ReadGuids({std::string("1,") + item}, "--add", input); }).find("--add: '"), 0U) << item;
+    void Start(const std::string& option) {
+        daemon_.reset();
+        const std::string dir = dir_.path();
+        daemon_ = std::make_unique<Program>(std::vector<std::string>{RESERVATIOND, "--config", "/dev/null",
+                                                                     "--persistent-dir", dir + "/state", "--socket",
+                                                                     dir + "/socket", "--reservation-mode", option});
+        daemon_->WaitFor(" serves ");
     }
-}
 
-TEST(DeclarationTest, RefusesWhatCannotBecomeTrue) {
-    for (const auto& [text, fault] : std::vector<std::pair<std::string, std::string>>{
-             {R"({"key": "a"})", "test: reservation 1 (a): has no member \"guids\""},
-             {R"({"guids": [1]})", "test: reservation 1: has no key"},
-             {R"({"key": "a", "guids": [1]}, {"key": "b", "pkey": "0x10000", "guids": []})",
-              "test: reservation 2 (b): '0x10000' is not a number from 0 to 65535"},
-             {R"({"key": "a", "guids": ["1-5"]}, {"key": "b", "guids": [7, "0x5"]})",
-              "test: GUID 0x5 of reservation b is there already, in reservation a"},
-             {R"({"key": "a", "guids": [1]}, {"key": "a", "guids": [2]})", "test: reservation a is there twice"},
-             {R"({"key": "a", "guids": [1], "pky": 1})", "test: reservation 1 (a): pky: Cannot find field."}}) {
-        EXPECT_EQ(FaultOf([&text = text] { Parse(text); }), fault);
+    void WriteFile(const std::string& name, const std::string& text) const { Write(dir_.path() + "/" + name, text); }
+
+    void Declare(const std::string& name, const std::string& reservations) const {
+        WriteFile(name, "{\"reservations\": [" + reservations + "]} // a comment");
     }
-    EXPECT_EQ(FaultOf([] { ParseDeclaration("{\"reservations\": [],\n oops}", "f"); }).find("f: parse error at line 2"),
-              0U);
-    EXPECT_NE(FaultOf([] { ParseDeclaration(R"({"status": "STATUS_MODE_DISABLED", "reservations": []})", "f"); }),
-              "none");
-}
 
-TEST(PlanTest, MovesGuidsWithoutTakingOneThatIsHeld) {
-    Model model(Parse(R"({"key": "A", "pkey": 1, "guids": ["1-4"]}, {"key": "B", "pkey": 1, "guids": ["5-8"]},
-                         {"key": "C", "pkey": 1, "guids": ["9-10"]}, {"key": "D", "pkey": 1, "guids": ["11-12"]},
-                         {"key": "E", "pkey": 1, "guids": [13], "limits": {"numTrees": 4}})"));
-    const Reservations wanted = Parse(R"(
-        {"key": "A", "pkey": 1, "guids": ["5-8"]},
-        {"key": "B", "pkey": 1, "guids": ["1-4", 9]},
-        {"key": "D", "pkey": "0x2", "guids": ["11-12"]},
-        {"key": "E", "pkey": 1, "guids": [14], "limits": {"num_trees": 4, "limit0": 4294967295}},
-        {"key": "F", "pkey": 1, "guids": [10, 15]},
-        {"key": "G", "pkey": 1, "guids": [16], "limits": {"numTrees": 2}},
-        {"key": "H", "pkey": 1, "guids": []})");
-    EXPECT_EQ(PlanAndCarryOut(model, wanted), R"(
-change A: remove 4 GUIDs (0x1-0x4)
-change B: remove 4 GUIDs (0x5-0x8)
-change E: remove 1 GUID (0xd), add 1 GUID (0xe)
-delete C
-delete D, because its pkey becomes 0x2 instead of 0x1
-then change A: add 4 GUIDs (0x5-0x8)
-then change B: add 5 GUIDs (0x1-0x4,0x9)
-then create D: pkey 0x2, limits none, 2 GUIDs (0xb-0xc)
-then create F: pkey 0x1, limits none, 2 GUIDs (0xa,0xf)
-create G: pkey 0x1, limits num_trees=2, 1 GUID (0x10)
-create H: pkey 0x1, limits none, 1 GUID (0x11), because nothing is created without GUIDs
-then change H: remove 1 GUID (0x11)
+    // What the command prints, with DIR for the test's directory, and its exit status when that is not 0.
+    std::string Ctl(const std::string& command, const std::string& input = "",
+                    const std::function<void()>& meanwhile = nullptr) const {
+        std::istringstream words(Replaced(command, "DIR", dir_.path()));
+        std::vector<std::string> arguments(std::istream_iterator<std::string>(words), {});
+        std::vector<const char*> argv{"reservationctl"};
+        for (const std::string& argument : arguments) argv.push_back(argument.c_str());
+        Typist typist(input, meanwhile);
+        std::ostringstream output;
+        std::streambuf* const before[] = {std::cin.rdbuf(&typist), std::cout.rdbuf(output.rdbuf()),
+                                          std::cerr.rdbuf(output.rdbuf())};
+        const auto status = static_cast<int>(RunCommandLine(static_cast<int>(argv.size()), argv.data()));
+        std::cin.rdbuf(before[0]);
+        std::cout.rdbuf(before[1]);
+        std::cerr.rdbuf(before[2]);
+        const std::string text =
+            Replaced(Replaced(output.str(), dir_.path(), "DIR"), "Removed guids from .*", "REASON");
+        return Replaced(text, "\\d{4}-\\d\\d-\\d\\dT[0-9:]{8}Z", "TIME") +
+               (status == 0 ? "" : "exit " + std::to_string(status) + "\n");
+    }
+
+    // Carries out the commands of a session as a terminal shows it, and expects to see the same.
+    void ExpectSession(const std::string& session) const {
+        std::istringstream lines(session);
+        std::string seen;
+        for (std::string line; std::getline(lines, line);) {
+            if (!line.starts_with("$ ")) continue;
+            const size_t input = line.find(" <<< ");
+            seen += line + "\n" + Ctl(line.substr(2, input - 2), input == line.npos ? "" : line.substr(input + 5));
+        }
+        EXPECT_EQ(seen, session);
+    }
+
+    const TemporaryDirectory dir_;
+    std::unique_ptr<Program> daemon_;
+};
+
+constexpr char kBefore[] = R"({"key": "A", "pkey": 1, "guids": ["1-4"]}, {"key": "B", "pkey": 1, "guids": ["5-8"]},
+    {"key": "C", "pkey": 1, "guids": ["9-10"]}, {"key": "D", "pkey": 1, "guids": ["11-12"]},
+    {"key": "E", "pkey": 1, "guids": [13], "limits": {"numTrees": 4}}, {"key": "I", "pkey": 1, "guids": [18]})";
+
+constexpr char kAfter[] = R"({"key": "A", "pkey": 1, "guids": ["4-8"]}, {"key": "B", "pkey": 1, "guids": ["1-3", 9]},
+    {"key": "D", "pkey": "0x2", "guids": ["11-12"]}, {"key": "F", "pkey": 1, "guids": [10, 15]},
+    {"key": "E", "pkey": 1, "guids": [14], "limits": {"num_trees": 4, "limit0": 4294967295}},
+    {"key": "G", "pkey": 1, "guids": [16], "limits": {"numTrees": 2, "limit6": 1}},
+    {"key": "H", "pkey": 1, "guids": []}, {"key": "I", "pkey": 1, "guids": [18], "autoCreated": true})";
+
+constexpr char kPlan[] = R"(1. change A: remove 3 GUIDs (0x1-0x3)
+2. change B: remove 4 GUIDs (0x5-0x8)
+3. change E: remove 1 GUID (0xd), add 1 GUID (0xe)
+4. delete C
+   would end 1 job: 7
+5. delete D, because its pkey becomes 0x2 instead of 0x1
+6. delete I, because its mark as made from pkeys changes
+7. change A: add 4 GUIDs (0x5-0x8)
+8. change B: add 4 GUIDs (0x1-0x3,0x9)
+9. create D: pkey 0x2, limits none, 2 GUIDs (0xb-0xc)
+10. create F: pkey 0x1, limits none, 2 GUIDs (0xa,0xf)
+11. create G: pkey 0x1, limits num_trees=2,limit6=1, 1 GUID (0x10)
+12. create H: pkey 0x1, limits none, 1 GUID (0x11), because nothing is created without GUIDs
+13. change H: remove 1 GUID (0x11)
+14. create I: pkey 0x1, limits none, 1 GUID (0x12)
+14 steps, ending 1 job
+)";
+
+TEST_F(CtlTest, ApplyShowsItsPlanAsksAndStopsWhereItCostsMore) {
+    Declare("before", kBefore);
+    Declare("after", kAfter);
+    EXPECT_EQ(Ctl("apply DIR/before", "yes\n").find("exit"), std::string::npos);
+    Ctl("job begin 7 --guids 10");
+    const std::string before = Ctl("list --json") + Ctl("job list") + Ctl("status");
+    EXPECT_EQ(Ctl("apply DIR/after --dry-run", "y\n"), kPlan);
+    EXPECT_EQ(Ctl("apply DIR/after --dry-run --yes"), kPlan);
+    for (const char* answer : {"", "\n", "n\n", "Yes?\n"}) {
+        EXPECT_EQ(Ctl("apply DIR/after", answer),
+                  kPlan + std::string("Carry this out? [y/N] nothing has been changed\nexit 1\n"));
+    }
+    EXPECT_EQ(Ctl("list --json") + Ctl("job list") + Ctl("status"), before);
+
+    // What comes in between, while somebody thinks about the answer.
+    const auto begin_job = [&] { Ctl("job begin 8 --guids 11"); };
+    EXPECT_EQ(Ctl("apply DIR/after", "y\n", begin_job), kPlan + std::string(R"(Carry this out? [y/N] )"
+                                                                            R"(done: change A: remove 3 GUIDs (0x1-0x3)
+done: change B: remove 4 GUIDs (0x5-0x8)
+done: change E: remove 1 GUID (0xd), add 1 GUID (0xe)
+done: delete C
+ended 1 job: 7
+not done: delete D, because its pkey becomes 0x2 instead of 0x1
+It costs more than the plan told:
+would end 1 job: 8
+4 of 14 steps done; run this again to go on from here
+exit 1
+)"));
+    const auto take_guid = [&] { Ctl("create J --pkey 1 --guids 16"); };
+    const std::string refused = Ctl("apply DIR/after", "Y\n", take_guid);
+    EXPECT_NE(
+        refused.find("\nrefused: create G: pkey 0x1, limits num_trees=2,limit6=1, 1 GUID (0x10)\n"
+                     "STATUS_GUID_RESERVED: a GUID belongs to another reservation and may not be taken from it\n"),
+        std::string::npos)
+        << refused;
+    EXPECT_TRUE(refused.ends_with("\n6 of 10 steps done; run this again to go on from here\nexit 1\n")) << refused;
+    Ctl("apply - --yes", "{\"reservations\": [" + std::string(kAfter) + "]}");
+    ExpectSession(R"($ apply DIR/after
+nothing to change: 8 reservations as declared
+$ list
+KEY  PKEY  HCAS           TREES  JOBS  GUIDS
+A     0x1     5  0 of unlimited     0  0x4-0x8
+B     0x1     4  0 of unlimited     0  0x1-0x3,0x9
+D     0x2     2  0 of unlimited     0  0xb-0xc
+E     0x1     1          0 of 4     0  0xe
+F     0x1     2  0 of unlimited     0  0xa,0xf
+G     0x1     1          0 of 2     0  0x10
+H     0x1     0  0 of unlimited     0
+I     0x1     1  0 of unlimited     0  0x12
 )");
-    EXPECT_EQ(PlanAndCarryOut(model, wanted), "\n");
+    // A step that would be refused ends the plan before it begins.
+    Ctl("job begin 9 --guids 4");
+    Start("--reservation-mode");
+    const std::string plan =
+        "1. change A: remove 1 GUID (0x4)\n2. change B: add 1 GUID (0x4)\n2 steps, ending 0 jobs\n";
+    Declare("moved", Replaced(Replaced(kAfter, "4-8", "5-8"), "1-3", "1-4"));
+    EXPECT_TRUE(Ctl("apply DIR/moved --yes").starts_with(plan + "step 1 would be refused: STATUS_GUIDS_USED_BY_JOB: "));
+    EXPECT_EQ(Ctl("apply DIR/after"), "nothing to change: 8 reservations as declared\n");
 }
 
-// Every arrangement of four GUIDs in two reservations becomes every other one.
-TEST(PlanTest, ReachesEveryArrangementAndThenHasNothingToDo) {
-    constexpr int kNumArrangements = 81;    // each GUID in A, in B, or free
-    const auto arrangement = [](int number) {
-        std::map<int, std::string> guids;
-        for (int guid = 1; guid <= 4; ++guid, number /= 3) {
-            std::string& list = guids[number % 3];
-            list += (list.empty() ? "" : ",") + std::to_string(guid);
-        }
-        const std::string pkey = guids[0].size() > 3 ? "2" : "1";
-        return Parse(R"({"key": "A", "pkey": 1, "guids": [)" + guids[1] + R"(]}, {"key": "B", "pkey": )" + pkey +
-                     R"(, "guids": [)" + guids[2] + "]}");
-    };
-    for (int from = 0; from < kNumArrangements; ++from) {
-        for (int to = 0; to < kNumArrangements; ++to) {
-            Model model(arrangement(from));
-            PlanAndCarryOut(model, arrangement(to));
-            ASSERT_EQ(PlanAndCarryOut(model, arrangement(to)), "\n") << from << " to " << to;
-        }
+TEST_F(CtlTest, EveryReplyIsShownInWords) {
+    WriteFile("hosts", "# hosts of rack 7\n0x30-0x31, 50 # 0x33\n\n0200:0000:00a1:b2c0\r\n");
+    ExpectSession(
+        R"($ create größe --pkey 0x8001 --guids 19,0x10-0x12 --guids @DIR/hosts --guids - --num-trees 8 --limit limit0=3 <<< 0x40 65 # 66
+in force:
+KEY      PKEY  HCAS   TREES  JOBS  GUIDS
+größe  0x8001    10  0 of 8     0  0x10-0x13,0x30-0x32,0x40-0x41,0x200000000a1b2c0
+$ create B --pkey 7 --guids 0x100,0x102,0x104,0x106,0x108,0x10a,0x10c,0x10e,0x110,0x112,0x114 --num-trees 24575 --dry-run
+would be in force:
+KEY  PKEY  HCAS           TREES  JOBS  GUIDS
+B     0x7    11  0 of unlimited     0  0x100,0x102,0x104,0x106,0x108,0x10a,0x10c,0x10e,0x110,0x112,... (1 more)
+$ job begin 7 --guids 0x10,0x11 --trees 2 --planes 3
+job 7 admitted to reservation größe, id 9134505343215937736
+$ job list größe
+JOB  RESERVATION  PLANES  TREES  COUNTED  HCAS  GUIDS
+  7  größe             3      2  yes         2  0x10-0x11
+$ show größe
+key              größe
+id               9134505343215937736
+state            active
+pkey             0x8001
+made from pkeys  no
+limits           limit0=3,num_trees=8
+trees            6 of 8
+jobs             7
+HCAs             10
+GUIDs            0x10-0x13,0x30-0x32,0x40-0x41,0x200000000a1b2c0
+$ update größe --remove 0x11
+in force:
+KEY      PKEY  HCAS   TREES  JOBS  GUIDS
+größe  0x8001     9  0 of 8     0  0x10,0x12-0x13,0x30-0x32,0x40-0x41,0x200000000a1b2c0
+ended 1 job: 7
+$ job end 7
+job 7 was not running
+$ pkeys report 0x10 1 --pkeys none
+nothing changed: the HCA is in reservation größe
+$ pkeys report 0x11 1 --pkeys 1
+nothing changed: the HCA is in no reservation
+$ delete größe
+deleted:
+KEY      PKEY  HCAS   TREES  JOBS  GUIDS
+größe  0x8001     9  0 of 8     0  0x10,0x12-0x13,0x30-0x32,0x40-0x41,0x200000000a1b2c0
+$ create large --pkey 1 --guids 0x40000-0x80000
+in force:
+KEY    PKEY    HCAS           TREES  JOBS  GUIDS
+large   0x1  262145  0 of unlimited     0  0x40000-0x80000
+$ create larger --pkey 1 --guids 0x80001-0xc0001
+in force:
+KEY     PKEY    HCAS           TREES  JOBS  GUIDS
+larger   0x1  262145  0 of unlimited     0  0x80001-0xc0001
+$ list
+KEY     PKEY    HCAS           TREES  JOBS  GUIDS
+large    0x1  262145  0 of unlimited     0  0x40000-0x80000
+larger   0x1  262145  0 of unlimited     0  0x80001-0xc0001
+$ watch --from 1 --count 5
+next event: 1
+1  TIME  reservation größe created
+2  TIME  job 7 of größe lost its reservation: REASON
+3  TIME  job 7 of größe is to be ended: REASON
+4  TIME  reservation größe updated
+5  TIME  reservation größe removed
+)");
+}
+
+TEST_F(CtlTest, EveryFaultIsNamedAndChangesNothing) {
+    Ctl("create A --pkey 1 --guids 1");
+    WriteFile("guids", "0x30\n0x31,zz-2\n");
+    WriteFile("empty", "");
+    WriteFile("deep", std::string(300'000, '['));
+    WriteFile("refused", R"({"status": "STATUS_MODE_DISABLED", "reservations": []})");
+    const std::pair<const char*, const char*> faulty_declarations[] = {
+        {"oops", "parse error at line 1, column 19: .*"},
+        {R"({"key": "a"})", "reservation 1 \\(a\\): has no member \"guids\""},
+        {R"({"key": "a", "guids": 1})", "reservation 1 \\(a\\): \"guids\" is not an array"},
+        {R"({"guids": [1]})", "reservation 1: has no key"},
+        {R"(7)", "reservation 1 is not an object"},
+        {R"({"key": "a", "guids": [0]})", "reservation 1 \\(a\\): '0' is no GUID: GUIDs begin at 1"},
+        {R"({"key": "a", "guids": [1]}, {"key": "b", "pkey": "0x10000", "guids": []})",
+         "reservation 2 \\(b\\): '0x10000' is not a number from 0 to 65535"},
+        {R"({"key": "a", "guids": [1], "pkey": 65536})", "reservation 1 \\(a\\): pkey 65536 is above 65535"},
+        {R"({"key": "a", "guids": [1], "pky": 1})", "reservation 1 \\(a\\): pky: Cannot find field."},
+        {R"({"key": "a", "guids": ["1-5"]}, {"key": "b", "guids": [7, "0x5"]})",
+         "GUID 0x5 of reservation b is there already, in reservation a"},
+        {R"({"key": "a", "guids": [1]}, {"key": "a", "guids": [2]})", "reservation a is there twice"},
+        {R"({"key": "a/\u202e", "guids": [2]})", "the daemon cannot read .* 'a/\\\\u202e' contains a slash, .*"}};
+    std::vector<std::pair<std::string, std::string>> faults = {
+        {"apply DIR/none", "DIR/none: cannot be read: No such file or directory"},
+        {"apply DIR/empty", "DIR/empty: parse error at line 1, .*"},
+        {"apply DIR/deep", "DIR/deep: has more than 16 levels"},
+        {"apply DIR/refused", "DIR/refused: is the answer to a refused request: \"STATUS_MODE_DISABLED\""},
+        {"apply -", "standard input is the file and cannot answer a question, too: give --yes or --dry-run"},
+        {"update A --add @DIR/guids", "DIR/guids:2: 'zz-2' is not a GUID or a range of GUIDs, .*"},
+        {"update A --add @DIR", "--add: DIR: cannot be read: Is a directory"},
+        {"update A --add - --remove -", "--remove: standard input has been read already"},
+        {"update A --add 5-4", "--add: '5-4' is a range that ends before it begins"},
+        {"update A --add 2,1-10000000", "--add: '1-10000000' makes the list longer than 10000000 GUIDs"},
+        {"create B --pkey 0x10000 --guids 2", "--pkey: '0x10000' is not a number from 0 to 65535"},
+        {"create B --pkey 1 --guids 2 --num-trees 24576", "--num-trees: '24576' is not a number from 0 to 24575"},
+        {"create B --pkey 1 --guids 2 --limit num_trees=24576", "--limit num_trees: '24576' is not a number .*"},
+        {"create B --pkey 1 --guids 2 --limit limit9=1", "--limit: 'limit9=1' is not NAME=N with one of .*"},
+        {"create B --pkey 1 --guids 2 --limit limit0", "--limit: 'limit0' is not NAME=N with one of .*"},
+        {"delete \xff", "KEY: '\\\\xff' is not UTF-8"},
+        {"job begin 0 --guids 1", "JOB: '0' is not a number from 1 to 18446744073709551615"},
+        {"job begin 1 --guids 1 --trees 256", "--trees: '256' is not a number from 1 to 255"},
+        {"job begin 1 --guids 1 --planes 0", "--planes: '0' is not a number from 1 to 255"},
+        {"pkeys report 1 1 --pkeys 1,,2", "--pkeys: '' is not a number from 0 to 65535"},
+        {"pkeys report 1 256 --pkeys none", "PORT: '256' is not a number from 0 to 255"},
+        {"--timeout 0 list", "--timeout: '0' is not a number from 1 to 86400"},
+        {"--tls-key x list", "--tls-key: unix:DIR/socket is not reached over TLS"},
+        {"", "the command is missing; see --help"}};
+    for (const char* item : {"0x", "-3", "3-", "1-2-3", "0x1g", "1.5", "+1", "18446744073709551616", "@x,y", "a:b:c:d",
+                             "0200:0000:00a1b:2c0", "0200:0000:00a1-b2c0", "02:0:0000:00a1:b2c0"}) {
+        faults.push_back({std::string("update A --remove 1,") + item, "--remove: '.*' is not a GUID or .*"});
     }
+    for (const auto& [reservations, fault] : faulty_declarations) {
+        const std::string name = std::to_string(faults.size());
+        Declare(name, reservations);
+        faults.push_back({"apply --yes DIR/" + name, "(DIR/" + name + ": )?" + fault});
+    }
+    for (const auto& [command, fault] : faults) {
+        const std::string output = Ctl(command);
+        EXPECT_TRUE(std::regex_match(output, std::regex("reservationctl: " + fault + "\nexit 2\n")))
+            << command << output;
+    }
+    EXPECT_EQ(Ctl("list --keys") + Ctl("show A").substr(0, 4), "A\nkey ");
 }
 
-TEST(DescribeTest, AlignsTablesAndKeepsControlCharactersOut) {
-    Reservations reservations = Parse(R"({"key": "größe", "pkey": "0x8001", "guids": ["1-100"]},
-                                         {"key": "b\u001b[2J", "pkey": 1, "guids": []})");
-    reservations[0].set_max_trees(24575);
-    reservations[1].set_max_trees(4);
-    reservations[1].set_used_trees(3);
+TEST_F(CtlTest, ADaemonThatDoesNotAnswerIsToldFromAWrongAddress) {
+    const std::pair<const char*, const char*> faults[] = {
+        {"foo", "address 'foo' is neither unix:PATH nor host:port\nexit 2\n"},
+        {":1", "address ':1' is neither unix:PATH nor host:port\nexit 2\n"},
+        {"a/b:1", "address 'a/b:1' is neither unix:PATH nor host:port\nexit 2\n"},
+        {"unix:", "address 'unix:' names no socket\nexit 2\n"},
+        {"[::1]:65536", "address '\\[::1\\]:65536' has no port from 1 to 65535\nexit 2\n"},
+        {"host:0", "address 'host:0' has no port from 1 to 65535\nexit 2\n"},
+        {"host:1", "--tls-ca is missing: host:1 is reached over TLS\nexit 2\n"},
+        {"host:1 --tls-ca /dev/null --tls-cert x --tls-key y", "--tls-ca: /dev/null is not a PEM file\nexit 2\n"},
+        {"host:1 --tls-ca DIR/ca", "--tls-ca: DIR/ca: cannot be read: No such file or directory\nexit 2\n"},
+        {"unix:DIR/none", "no daemon serves at unix:DIR/none: .*[^)]\nexit 3\n"},
+        {"unix:DIR/socket", "unix:DIR/socket has not answered within 1 s \\(--timeout\\); a change may .*\nexit 3\n"}};
+    daemon_->Signal(SIGSTOP);
+    for (const auto& [address, fault] : faults) {
+        const std::string output = Ctl("list --timeout 1 --address " + std::string(address));
+        EXPECT_TRUE(std::regex_match(output, std::regex("reservationctl: " + std::string(fault)))) << output;
+    }
+    daemon_->Signal(SIGCONT);
+    EXPECT_TRUE(
+        std::regex_match(Ctl("watch --from 9"), std::regex("reservationctl: event 9 is not there.*\nexit 1\n")));
+}
+
+TEST(DescribeTest, KeepsControlCharactersOffTheTerminal) {
+    google::protobuf::RepeatedPtrField<v1::Reservation> reservations;
+    reservations.Add()->set_key("b\x1b[2J\xe2\x80\xae");
+    v1::Event event;
+    event.set_kind(v1::Event::KIND_JOB_END);
+    event.set_reason("\n\x1b[2J");
     EXPECT_EQ(DescribeInTable(reservations),
-              "KEY         PKEY  HCAS           TREES  JOBS  GUIDS\n"
-              "größe     0x8001   100  0 of unlimited     0  0x1-0x64\n"
-              "b\\x1b[2J     0x1     0          3 of 4     0\n");
-}
-
-TEST(DescribeTest, TellsWhatARefusalRanInto) {
-    v1::ReservationReply reply;
-    EXPECT_FALSE(IsCarriedOut(reply));    // ignored: there is no entry with a state
-    EXPECT_NE(DescribeRefusal(reply).find("reservation-auto-by-pkeys"), std::string::npos);
-    reply.add_reservations()->set_state(1);
-    EXPECT_TRUE(IsCarriedOut(reply));
-
-    reply.set_status(v1::STATUS_GUIDS_USED_BY_JOB);
-    reply.set_status_name("STATUS_GUIDS_USED_BY_JOB");
-    reply.mutable_conflict()->set_guid(0x10);
-    reply.mutable_conflict()->set_reservation_key("A");
-    reply.mutable_conflict()->add_job_ids(7);
-    EXPECT_FALSE(IsCarriedOut(reply));
-    EXPECT_NE(DescribeRefusal(reply).find("GUID 0x10, reservation A, job 7\n"), std::string::npos);
-}
-
-TEST(TextTest, KnowsUtf8) {
-    for (const char* text : {"", "plain", "gr\xc3\xb6\xc3\x9f", "\xe2\x82\xac", "\xf0\x9f\x98\x80"})
-        EXPECT_TRUE(util::IsUtf8(text));
-    for (const char* text : {"\xff", "\xc3", "a\x80", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82"})
-        EXPECT_FALSE(util::IsUtf8(text));
+              "KEY             PKEY  HCAS   TREES  JOBS  GUIDS\n"
+              "b\\x1b[2J\\u202e   0x0     0  0 of 0     0\n");
+    EXPECT_EQ(Describe(event), "0  1970-01-01T00:00:00Z  job 0 of  is to be ended: \\x0a\\x1b[2J\n");
 }
 
 }    // namespace

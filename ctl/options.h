@@ -1,0 +1,37 @@
+// The kinds of options and arguments that commands have.
+//
+// Each one hands its value to its setter while the command line is parsed. A value that cannot be used throws
+// UsageError, which names the option. Names that begin with a dash are options, others arguments.
+
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "reservation/v1/reservation.pb.h"
+
+namespace reservationctl {
+
+using SetText = std::function<void(const std::string& text)>;
+using SetNumber = std::function<void(uint64_t number)>;
+
+// Decimal, or hexadecimal with 0x, from `min` to `max`.
+CLI::Option* AddNumber(CLI::App* command, const std::string& name, uint64_t min, uint64_t max, const std::string& help,
+                       const SetNumber& set);
+
+// Lists of GUIDs, see ReadGuids(); can be repeated. `guids` must outlive the parsing.
+CLI::Option* AddGuids(CLI::App* command, const std::string& name, const std::string& help,
+                      google::protobuf::RepeatedField<uint64_t>* guids);
+
+// The argument KEY: UTF-8, and not empty.
+CLI::Option* AddKey(CLI::App* command, const std::string& help, const SetText& set);
+
+// --num-trees, and --limit for all limits by their names. `request` must outlive the parsing.
+void AddLimits(CLI::App* command, reservation::v1::CreateReservationRequest* request);
+
+// --pkeys: numbers between commas, or none. `request` must outlive the parsing.
+CLI::Option* AddPkeys(CLI::App* command, reservation::v1::ReportPortRequest* request);
+
+}    // namespace reservationctl

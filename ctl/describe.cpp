@@ -55,6 +55,12 @@ std::string DescribeFacts(const std::vector<std::vector<std::string>>& facts) {
     return table.ToString();
 }
 
+std::string DescribeUnwrittenFiles(const v1::DaemonInfo& info) {
+    if (info.unwritten_files() == 0) return "none";
+    return fmt::format("{}, the oldest for {:.1f} s", info.unwritten_files(),
+                       static_cast<double>(info.unwritten_files_age_millis()) / 1000);
+}
+
 std::string DescribeKind(const v1::Event& event) {
     const std::string key = util::Printable(event.reservation_key());
     const std::string reason = event.reason().empty() ? "" : ": " + util::Printable(event.reason());
@@ -137,24 +143,29 @@ std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Job>& j
 
 std::string Describe(const v1::DaemonInfo& info) {
     const uint32_t trees = info.reservation_default_num_trees();
-    return DescribeFacts(
-        {{"version", util::Printable(info.version())},
-         {"started", DescribeTime(info.started_unix_millis())},
-         {"store", util::Printable(info.persistent_dir())},
-         {"store can be written", YesOrNo(info.store_writable())},
-         {"durability", util::Printable(info.durability())},
-         {"reservations", std::to_string(info.reservations())},
-         {"reserved HCAs", std::to_string(info.reserved_hcas())},
-         {"jobs", std::to_string(info.jobs())},
-         {"refused creates and updates", std::to_string(info.failed_reservation_requests())},
-         {"events kept", fmt::format("{} to {}", info.oldest_sequence(), info.last_sequence())},
-         {"reservation mode", YesOrNo(info.reservation_mode())},
-         {"reservations from pkeys", YesOrNo(info.reservation_auto_by_pkeys())},
-         {"GUID override allowed", YesOrNo(info.reservation_allow_guid_override())},
-         {"ending jobs allowed", YesOrNo(info.reservation_allow_ending_jobs())},
-         {"stored reservations loaded", YesOrNo(info.load_persistent_reservations())},
-         {"default trees limit", trees == util::kLimitNotGiven ? "none" : std::to_string(trees)},
-         {"most jobs per HCA", info.max_jobs_per_hca() == 0 ? "unlimited" : std::to_string(info.max_jobs_per_hca())}});
+    std::vector<std::vector<std::string>> facts = {
+        {"version", util::Printable(info.version())},
+        {"started", DescribeTime(info.started_unix_millis())},
+        {"store", util::Printable(info.persistent_dir())},
+        {"starts on this store", std::to_string(info.store_generation())},
+        {"store can be written", YesOrNo(info.store_writable())},
+        {"durability", util::Printable(info.durability())},
+        {"files to be written", DescribeUnwrittenFiles(info)},
+        {"reservations", std::to_string(info.reservations())},
+        {"reserved HCAs", std::to_string(info.reserved_hcas())},
+        {"jobs", std::to_string(info.jobs())},
+        {"refused creates and updates", std::to_string(info.failed_reservation_requests())},
+        {"events kept", fmt::format("{} to {}", info.oldest_sequence(), info.last_sequence())},
+        {"epoch of the events", util::Printable(info.epoch())},
+        {"reservation mode", YesOrNo(info.reservation_mode())},
+        {"reservations from pkeys", YesOrNo(info.reservation_auto_by_pkeys())},
+        {"GUID override allowed", YesOrNo(info.reservation_allow_guid_override())},
+        {"ending jobs allowed", YesOrNo(info.reservation_allow_ending_jobs())},
+        {"stored reservations loaded", YesOrNo(info.load_persistent_reservations())},
+        {"default trees limit", trees == util::kLimitNotGiven ? "none" : std::to_string(trees)},
+        {"most jobs per HCA", info.max_jobs_per_hca() == 0 ? "unlimited" : std::to_string(info.max_jobs_per_hca())}};
+    for (const std::string& warning : info.warnings()) facts.push_back({"warning", util::Printable(warning)});
+    return DescribeFacts(facts);
 }
 
 std::string Describe(const v1::Event& event) {

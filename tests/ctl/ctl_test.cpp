@@ -18,6 +18,7 @@
 #include "ctl/describe.h"
 #include "tests/files.h"
 #include "tests/programs/program.h"
+#include "util/limits.h"
 
 namespace reservationctl {
 namespace {
@@ -137,14 +138,14 @@ TEST_F(CtlTest, ApplyShowsItsPlanAsksAndStopsWhereItCostsMore) {
     Declare("after", kAfter);
     EXPECT_EQ(Ctl("apply DIR/before", "yes\n").find("exit"), std::string::npos);
     Ctl("job begin 7 --guids 10");
-    const std::string before = Ctl("list --json") + Ctl("job list") + Ctl("status");
+    const std::string before = Ctl("list --json") + Ctl("job list");
     EXPECT_EQ(Ctl("apply DIR/after --dry-run", "y\n"), kPlan);
     EXPECT_EQ(Ctl("apply DIR/after --dry-run --yes"), kPlan);
     for (const char* answer : {"", "\n", "n\n", "Yes?\n"}) {
         EXPECT_EQ(Ctl("apply DIR/after", answer),
                   kPlan + std::string("Carry this out? [y/N] nothing has been changed\nexit 1\n"));
     }
-    EXPECT_EQ(Ctl("list --json") + Ctl("job list") + Ctl("status"), before);
+    EXPECT_EQ(Ctl("list --json") + Ctl("job list"), before);
 
     // What comes in between, while somebody thinks about the answer.
     const auto begin_job = [&] { Ctl("job begin 8 --guids 11"); };
@@ -340,6 +341,48 @@ TEST_F(CtlTest, ADaemonThatDoesNotAnswerIsToldFromAWrongAddress) {
     daemon_->Signal(SIGCONT);
     EXPECT_TRUE(
         std::regex_match(Ctl("watch --from 9"), std::regex("reservationctl: event 9 is not there.*\nexit 1\n")));
+}
+
+TEST(DescribeTest, ShowsTheDaemonAndItsWarnings) {
+    v1::DaemonInfo info;
+    EXPECT_NE(Describe(info).find("files to be written          none\n"), std::string::npos);
+    EXPECT_NE(Describe(info).find("most jobs per HCA            unlimited\n"), std::string::npos);
+    info.set_version("1.2");
+    info.set_started_unix_millis(86'400'999);
+    info.set_persistent_dir("/state");
+    info.set_store_generation(3);
+    info.set_store_writable(true);
+    info.set_durability("machine");
+    info.set_unwritten_files(4);
+    info.set_unwritten_files_age_millis(1'540);
+    info.set_oldest_sequence(5);
+    info.set_last_sequence(6);
+    info.set_epoch("e");
+    info.set_reservation_default_num_trees(util::kLimitNotGiven);
+    info.set_max_jobs_per_hca(7);
+    info.add_warnings("the store\n");
+    EXPECT_EQ(Describe(info), R"(version                      1.2
+started                      1970-01-02T00:00:00Z
+store                        /state
+starts on this store         3
+store can be written         yes
+durability                   machine
+files to be written          4, the oldest for 1.5 s
+reservations                 0
+reserved HCAs                0
+jobs                         0
+refused creates and updates  0
+events kept                  5 to 6
+epoch of the events          e
+reservation mode             no
+reservations from pkeys      no
+GUID override allowed        no
+ending jobs allowed          no
+stored reservations loaded   no
+default trees limit          none
+most jobs per HCA            7
+warning                      the store\x0a
+)");
 }
 
 TEST(DescribeTest, KeepsControlCharactersOffTheTerminal) {

@@ -630,8 +630,11 @@ void RegisterAll() {
         Register("load_with_index", LoadWithIndex, {num_hcas, num_reservations});
     }
     for (const int64_t count : {16, 4096}) {
-        Register("pack", Pack, {1000, 10, count, 0});
-        Register("unpack", Unpack, {1000, 10, count, 0});
+        for (const Placement placement : {Placement::kContiguous, Placement::kScattered}) {
+            const std::vector<int64_t> arguments{1000000, 1000, count, static_cast<int64_t>(placement)};
+            Register("pack", Pack, arguments);
+            Register("unpack", Unpack, arguments);
+        }
     }
 }
 

@@ -15,23 +15,8 @@ struct dov_ep;
 // the terminating NUL, or its GUIDs are counted but not there), or memory runs out. The two unnamed arguments are
 // unused.
 //
-// A record packs to one "name value" line per field:
-//
-//     vesk_reservation_info 1
-//     reservation_key appA
-//     pkey 0x8001
-//     state 1
-//     num_guids 3
-//     guid 0x0200000000a1b2c0
-//     guid 0x0200000000a1b2c4
-//     guid 0x0200000000a1b2c8
-//     limits none none none 64 none none none
-//     auto_created 0
-//     checksum 0xb596646d4a45a8bc
-//
-// The first line names the format and its version. In the key, control characters read \xNN and a backslash \\. The
-// last line holds HashBytes() of everything before it. A message without a record packs to the first and the last line
-// alone.
+// The text is that of a reservation file, which docs/file_format.md specifies. A message without a record packs to its
+// first and its last line alone.
 int dov_msg_pack(uint64_t, int type, uint64_t, const vesk_dov_msg* msg, char** buffer, uint64_t* length);
 
 // Unpacks what dov_msg_pack made. `buffer` ends with a NUL, at which the decoder stops. Returns 0 and a new message,

@@ -1,4 +1,4 @@
-// The one hash of this code: of reservation keys, for their ids, and of packed messages, for their checksum.
+// The hash that gives reservations their ids.
 
 #pragma once
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "host/dov_msg.h"
-#include "host/hash_bytes.h"
+#include "host/record_text.h"
 #include "tests/files.h"
 #include "tests/reservation/test_daemon.h"
 
@@ -21,7 +21,7 @@ namespace {
 
 std::string Sealed(const std::string& body) {
     char seal[64];
-    std::snprintf(seal, sizeof(seal), "checksum 0x%016lx\n", HashBytes(body));
+    std::snprintf(seal, sizeof(seal), "checksum 0x%016lx\n", RecordTextChecksum(body));
     return body + seal;
 }
 

@@ -10,8 +10,8 @@
 #include <sstream>
 
 #include "host/dov_msg.h"
-#include "host/hash_bytes.h"
 #include "host/log.h"
+#include "host/record_text.h"
 #include "tests/files.h"
 #include "tests/reservation/test_daemon.h"
 
@@ -55,7 +55,7 @@ vesk_reservation_info Record(const std::string& key, Guids& guids) {
 std::string Sealed(const std::string& text) {
     const std::string body = text.substr(0, text.rfind("checksum "));
     char line[sizeof("checksum 0x0123456789abcdef\n")];
-    std::snprintf(line, sizeof(line), "checksum 0x%016lx\n", HashBytes(body));
+    std::snprintf(line, sizeof(line), "checksum 0x%016lx\n", RecordTextChecksum(body));
     return body + line;
 }
 
@@ -85,11 +85,11 @@ guid 0x0200000000a1b2c0
 guid 0xffffffffffffffff
 limits 1 2 3 64 none 0 4294967294
 auto_created 255
-checksum 0xc202ece0d4b0cdf5
+checksum 0xedb818a03e6db3f8
 )");
     EXPECT_EQ("\n" + Pack(nullptr), R"(
 vesk_reservation_info 1
-checksum 0x2c6f8cc23e83a95c
+checksum 0xe849af8ce6ae85e6
 )");
     EXPECT_EQ(Unpack(Pack(nullptr)), "no record");
 

@@ -32,7 +32,6 @@ TEST(HostFault, ContainersAreTheTruth) {
     hcas.at(1).reservation = nullptr;
     hcas.at(4).reservation = nullptr;
     EXPECT_EQ(daemon.manager->GetReservationByGuids(&k->info.guids[0], 3), nullptr);
-    daemon.expects_indexed_hcas = false;
     EXPECT_EQ(daemon.Delta("K", {5}, {1}), VESK_STATUS_SUCCESS);
     EXPECT_EQ(daemon.Delete("L"), VESK_STATUS_SUCCESS);
     EXPECT_EQ(RegistryFault(*daemon.manager), "");

@@ -6,25 +6,18 @@
 #include <cinttypes>
 #include <cstdio>
 #include <filesystem>
+#include <map>
+#include <sstream>
+#include <utility>
 
 #include "host/dov_msg.h"
 #include "host/hash_bytes.h"
 #include "host/log.h"
+#include "host/record_text.h"
 
 namespace {
 
 constexpr size_t kMaxJobs = 1024;
-
-std::string Hex(uint64_t value) {
-    char text[sizeof("0123456789abcdef")];
-    std::snprintf(text, sizeof(text), "%" PRIx64, value);
-    return text;
-}
-
-void ReplaceAll(std::string& text, const std::string& from, const std::string& to) {
-    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
-        text.replace(at, from.size(), to);
-}
 
 // None when there is no such directory.
 std::set<std::string> Paths(const std::string& directory) {
@@ -34,9 +27,13 @@ std::set<std::string> Paths(const std::string& directory) {
     return paths;
 }
 
-uint64_t* DataOrNull(Guids& guids) { return guids.empty() ? nullptr : guids.data(); }
-
 }    // namespace
+
+std::string Hex(uint64_t value, int width) {
+    char text[sizeof("0123456789abcdef")];
+    std::snprintf(text, sizeof(text), "%0*" PRIx64, width, value);
+    return text;
+}
 
 Limits TreesLimit(uint32_t num_trees) {
     Limits limits;
@@ -45,17 +42,57 @@ Limits TreesLimit(uint32_t num_trees) {
     return limits;
 }
 
+vesk_reservation_info Description::Info() const {
+    const auto num_guids = static_cast<uint32_t>(guids.size());
+    uint64_t* const array = guids.empty() ? nullptr : const_cast<uint64_t*>(guids.data());
+    vesk_reservation_info info{"", pkey, state, num_guids, array, {}, auto_created};
+    vesk_copy_key(info.reservation_key, key.c_str());
+    std::copy(limits.begin(), limits.end(), info.limits);
+    return info;
+}
+
+std::string Description::Text() const { return Describe(Info()); }
+
 std::string Describe(const vesk_reservation_info& info) {
     std::string text = info.reservation_key + (" 0x" + Hex(info.pkey)) + " state " + std::to_string(info.state) + " ";
     std::string guids;
-    for (uint32_t i = 0; i < info.num_guids; ++i) guids += (i > 0 ? "," : "") + Hex(info.guids[i]);
-    text += info.guids == nullptr && info.num_guids == 0 ? "null" : "{" + guids + "}";
+    for (uint32_t i = 0; info.guids != nullptr && i < info.num_guids; ++i)
+        guids += (i > 0 ? "," : "") + Hex(info.guids[i]);
+    text += info.guids == nullptr ? "null" : "{" + guids + "}";
     text += " limits";
     for (const uint32_t& limit : info.limits) {
         text += &limit == info.limits ? " " : ",";
         text += limit == VESK_LIMIT_NOT_GIVEN ? "-" : std::to_string(limit);
     }
     return text + " auto " + std::to_string(info.auto_created);
+}
+
+std::string Pack(const vesk_reservation_info* info, int type) {
+    const vesk_dov_msg msg{{}, const_cast<vesk_reservation_info*>(info)};
+    char* buffer = nullptr;
+    uint64_t length = 0;
+    const int result = dov_msg_pack(0, type, 0, &msg, &buffer, &length);
+    EXPECT_EQ(result != 0, buffer == nullptr);
+    const std::string text(buffer != nullptr ? buffer : "", length);
+    std::free(buffer);
+    return text;
+}
+
+std::string Unpack(const std::string& text, int type) {
+    vesk_dov_msg* msg = nullptr;
+    const int result = dov_msg_unpack(0, type, text.c_str(), &msg);
+    EXPECT_EQ(result != 0, msg == nullptr);
+    if (msg == nullptr) return "bad";
+    const auto* info = static_cast<const vesk_reservation_info*>(msg->data);
+    EXPECT_EQ(Pack(info), text.c_str());
+    const std::string description = info != nullptr ? Describe(*info) : "no record";
+    dov_vesk_msg_release(type, msg);
+    return description;
+}
+
+std::string Sealed(const std::string& text) {
+    const std::string body = text.substr(0, text.rfind("checksum "));
+    return body + "checksum 0x" + Hex(RecordTextChecksum(body), 16) + "\n";
 }
 
 std::string RegistryFault(const ReservationManager& manager, bool all_owned) {
@@ -84,7 +121,7 @@ std::string RegistryFault(const ReservationManager& manager, bool all_owned) {
     return "";
 }
 
-TestDaemon::TestDaemon() : jobs_(kMaxJobs) {
+TestDaemon::TestDaemon() : num_open_files_(Paths("/proc/self/fd").size()), jobs_(kMaxJobs) {
     options.persistent_dir = directory_.path();
     options.reservation_mode = true;
     g_option_info = &options;
@@ -100,13 +137,18 @@ TestDaemon::TestDaemon() : jobs_(kMaxJobs) {
     Restart();
 }
 
-TestDaemon::~TestDaemon() { log_set_sink(nullptr); }
+TestDaemon::~TestDaemon() {
+    log_set_sink(nullptr);
+    EXPECT_EQ(Paths("/proc/self/fd").size(), num_open_files_);
+}
+
+uint64_t* TestDaemon::ArrayOf(Guids& guids) const { return guids.empty() || withholds_arrays ? nullptr : guids.data(); }
 
 template <typename Operation>
 uint32_t TestDaemon::Request(Operation operation) {
     num_replies_ = 0;
     ++transaction_id_;
-    operation(&ep_, transaction_id_);
+    Call([&] { operation(&ep_, transaction_id_); });
     EXPECT_EQ(num_replies_, 1);
     return status_;
 }
@@ -117,7 +159,7 @@ uint32_t TestDaemon::Create(const std::string& key, Guids guids, const Limits& l
     vesk_copy_key(request.reservation_key, key.c_str());
     request.pkey = pkey;
     request.num_guids = static_cast<uint32_t>(sent_guids.size());
-    request.guids = DataOrNull(sent_guids);
+    request.guids = ArrayOf(sent_guids);
     std::copy(limits.begin(), limits.end(), request.limits);
     return Request([&](auto... to) { manager->CreateReservation(request, to...); });
 }
@@ -129,8 +171,8 @@ uint32_t TestDaemon::Delta(const std::string& key, Guids to_add, Guids to_remove
     vesk_copy_key(request.reservation_key, key.c_str());
     request.num_guids_to_add = static_cast<uint32_t>(sent_guids.size());
     request.num_guids_to_remove = static_cast<uint32_t>(sent_guids_to_remove.size());
-    request.guids_to_add = DataOrNull(sent_guids);
-    request.guids_to_remove = DataOrNull(sent_guids_to_remove);
+    request.guids_to_add = ArrayOf(sent_guids);
+    request.guids_to_remove = ArrayOf(sent_guids_to_remove);
     return Request([&](auto... to) { manager->UpdateReservationByDelta(request, to...); });
 }
 
@@ -169,25 +211,29 @@ void TestDaemon::Forget(const VeskJob& job) { running_.erase(const_cast<VeskJob*
 void TestDaemon::Restart() { manager = std::make_unique<ReservationManager>(this); }
 
 std::string TestDaemon::Take() {
-    std::string text = "\n" + std::move(seen_);
-    seen_.clear();
-    ReplaceAll(text, options.persistent_dir, "DIR");
-    for (const std::string& key : keys_) ReplaceAll(text, std::to_string(HashBytes(key)), "#" + key);
+    std::string text = "\n" + std::exchange(seen_, "");
+    for (size_t at = 0; (at = text.find(options.persistent_dir, at)) != std::string::npos;)
+        text.replace(at, options.persistent_dir.size(), "DIR");
     return text;
 }
 
 std::string TestDaemon::State() const {
-    std::string state = Stored();
+    std::ostringstream state;
+    state << Stored();
     for (const auto& [key, reservation] : manager->reservations) {
-        state += Describe(reservation->info) + " id " + std::to_string(reservation->reservation_id) + " trees " +
-                 std::to_string(reservation->used_trees) + "/" + std::to_string(reservation->max_trees) + " jobs";
-        for (const auto& [job_id, job] : reservation->jobs) state += " " + std::to_string(job_id);
-        state += "\n";
+        state << Describe(reservation->info) << " id " << reservation->reservation_id << " trees "
+              << reservation->used_trees << "/" << reservation->max_trees << " jobs";
+        for (const auto& [id, job] : reservation->jobs)
+            state << " " << job.job_id << " on " << Listed(std::set(job.guids.begin(), job.guids.end()));
+        state << "\n";
     }
-    for (const auto& [guid, hca] : manager->hca_infos) {
-        state += Hex(guid) + " of " + hca.reservation->info.reservation_key + " " + std::to_string(hca.num_jobs) + "\n";
-    }
-    return state;
+    for (const auto& [guid, hca] : manager->hca_infos)
+        state << Hex(guid) << " of " << hca.reservation->info.reservation_key << " " << hca.num_jobs << "\n";
+    const auto& keys = manager->reservation_keys_by_id;
+    for (const auto& [id, key] : std::map(keys.begin(), keys.end())) state << id << " is " << key << "\n";
+    for (const VeskJob* job : running_)
+        state << job->ext_job_id.ToString() << (job->reservation_accounted ? " accounted" : "") << "\n";
+    return state.str();
 }
 
 std::string TestDaemon::Stored() const {
@@ -196,7 +242,8 @@ std::string TestDaemon::Stored() const {
     for (const std::string& path : Paths(options.persistent_dir)) {
         vesk_dov_msg* msg = nullptr;
         if (manager->BuildDataFromReservationFile(path.c_str(), msg) != 0) continue;
-        stored += path + ": " + Describe(*static_cast<vesk_reservation_info*>(msg->data)) + "\n";
+        stored += path.substr(options.persistent_dir.size() + 1) + ": " +
+                  Describe(*static_cast<vesk_reservation_info*>(msg->data)) + "\n";
         dov_vesk_msg_release(VESK_MSG_TYPE_RESERVATION_INFO, msg);
     }
     muted_ = false;
@@ -214,11 +261,11 @@ std::string TestDaemon::FileNames() const {
 
 void TestDaemon::SendReservationInfoList(const dov_ep* ep, vesk_reservation_info_list& list,
                                          uint64_t transaction_id) const {
+    ++num_replies_;
+    status_ = list.status;
     EXPECT_EQ(ep, &ep_);
     EXPECT_EQ(transaction_id, transaction_id_);
     EXPECT_EQ(list.num_reservations == 0, list.reservations == nullptr);
-    ++num_replies_;
-    status_ = list.status;
     std::string line = "reply " + std::to_string(list.status) + ":";
     for (uint64_t i = 0; i < list.num_reservations; ++i) line += (i > 0 ? "; " : " ") + Describe(list.reservations[i]);
     See(line);
@@ -252,11 +299,5 @@ void TestDaemon::GetJobsByReservationKey(std::set<VeskJob*>& jobs, const char* r
 }
 
 void TestDaemon::SeeEvent(const char* event, const char* reservation_key) {
-    const ReservationInfo* reservation = manager->GetReservationInfoByKey(reservation_key);
-    const bool is_expected = expects_indexed_hcas && reservation != nullptr;
-    for (uint32_t i = 0; is_expected && i < reservation->info.num_guids; ++i) {
-        EXPECT_TRUE(manager->hca_infos.contains(reservation->info.guids[i])) << reservation_key;
-    }
-    keys_.insert(reservation_key);
     See(std::string(event) + " " + reservation_key + "; files" + FileNames());
 }

@@ -4,12 +4,14 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "host/command_manager.h"
+#include "host/dov_msg.h"
 #include "host/event_manager.h"
 #include "host/fabric.h"
 #include "host/job.h"
@@ -25,12 +27,46 @@ struct dov_ep {
 using Guids = std::vector<uint64_t>;
 using Limits = std::array<uint32_t, VESK_NUM_LIMITS>;
 
+// The number's hexadecimal digits, `width` at least.
+std::string Hex(uint64_t value, int width = 1);
+
+// "{0x1, 0x2}".
+std::string Listed(const auto& numbers) {
+    std::string text;
+    for (const auto number : numbers) text += (text.empty() ? "0x" : ", 0x") + Hex(number);
+    return "{" + text + "}";
+}
+
 // Limits that give the number of trees alone.
 Limits TreesLimit(uint32_t num_trees);
 inline const Limits kNoLimits = TreesLimit(VESK_LIMIT_NOT_GIVEN);
 
-// "K 0x7fff state 1 {3,7} limits -,-,-,64,-,-,- auto 0". GUIDs in hexadecimal; "null" when there is no array.
+// A reservation's description: stored, asked for, or replied.
+struct Description {
+    std::string key = "";
+    uint16_t pkey = 0;
+    uint32_t state = 0;
+    Guids guids = {};
+    Limits limits = {};
+    uint8_t auto_created = 0;
+
+    // Valid as long as the GUIDs stay where they are.
+    vesk_reservation_info Info() const;
+    std::string Text() const;
+};
+
+// "K 0x7fff state 1 {3,7} limits -,-,-,64,-,-,- auto 0". GUIDs in hexadecimal;
+// "null" without an array.
 std::string Describe(const vesk_reservation_info& info);
+
+// The packed description, which may be null, or "" when it is refused.
+std::string Pack(const vesk_reservation_info* info, int type = VESK_MSG_TYPE_RESERVATION_INFO);
+
+// The description in a packed text, "no record", or "bad" when it is refused. What is not refused packs to the same.
+std::string Unpack(const std::string& text, int type = VESK_MSG_TYPE_RESERVATION_INFO);
+
+// The text with its checksum put right, or added, for faults that the checksum does not show.
+std::string Sealed(const std::string& text);
 
 // What is wrong with the registry's indexes, or "". Every reservation is under its key, has an id of its own, and lists
 // distinct GUIDs in ascending order; every owner of a GUID is registered and lists it. `all_owned`: every listed GUID
@@ -49,9 +85,8 @@ public:
     Fabric fabric;
     std::unique_ptr<ReservationManager> manager;
 
-    // Whether every event's reservation must have its HCAs in the index when the event comes. Files that somebody else
-    // wrote may list an HCA twice, which is out of the index when the first reservation with it goes.
-    bool expects_indexed_hcas = true;
+    // Requests carry the sizes of their lists, but null pointers.
+    bool withholds_arrays = false;
 
     // The array of the last create request, or the last delta's GUIDs to add, as the manager left it; and those to
     // remove.
@@ -81,11 +116,10 @@ public:
     //   created K; files B K                  an event, with the keys of the files at that moment
     //   error K_1 8 0 0 0 and end K_1         a job fails, and is told to end; "accounted" when its flag is set
     //   reply 0: ENTRY; ENTRY                 status and entries of a reply
-    // The persistent directory reads DIR, and the id that a key hashes to #KEY.
+    // The persistent directory reads DIR.
     std::string Take();
 
-    // The content of every good file, a line each; and with the registry and its counts, for comparing before and
-    // after.
+    // The content of every good file, a line each; and with the registry, its counts and the running jobs.
     std::string Stored() const;
     std::string State() const;
 
@@ -103,17 +137,23 @@ public:
     void AddReservationUpdatedEvent(const char* reservation_key) override { SeeEvent("updated", reservation_key); }
     void AddReservationRemovedEvent(const char* reservation_key) override { SeeEvent("removed", reservation_key); }
 
+protected:
+    // Every request is made by a call of this.
+    virtual void Call(const std::function<void()>& request) { request(); }
+
+    void See(const std::string& line) const { seen_ += line + '\n'; }
+
 private:
+    uint64_t* ArrayOf(Guids& guids) const;
     template <typename Operation>
     uint32_t Request(Operation operation);
-    void See(const std::string& line) const { seen_ += line + '\n'; }
     void SeeEvent(const char* event, const char* reservation_key);
 
     const TemporaryDirectory directory_;
+    const size_t num_open_files_;    // that the process had before
     std::vector<VeskJob> jobs_;    // in an array, so that sets of pointers keep the order in which the jobs started
     size_t num_jobs_ = 0;
     std::set<VeskJob*> running_;
-    std::set<std::string> keys_;
     dov_ep ep_{1};
     uint64_t transaction_id_ = 0;
     mutable int num_replies_ = 0;

@@ -4,8 +4,7 @@
 # $TMPDIR.
 
 source "$(dirname "$0")/prepare.sh"
-install_packages g++ cmake ninja-build libbenchmark-dev
-cmake --preset release -B build/benchmark -DRESERVATION_BUILD_BENCHMARKS=ON -DRESERVATION_BUILD_TESTS=OFF \
-    -DRESERVATION_BUILD_REPLAY=OFF -DRESERVATION_BUILD_DAEMON=OFF >&2
-cmake --build build/benchmark >&2
-exec build/benchmark/benchmarks/manager_benchmark "$@"
+install_packages "${PACKAGES[@]}" libbenchmark-dev
+configure release -DRESERVATION_BUILD_BENCHMARKS=ON
+cmake --build --preset release --target manager_benchmark >&2
+exec build/release/benchmarks/manager_benchmark "$@"

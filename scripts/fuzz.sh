@@ -7,10 +7,9 @@ source "$(dirname "$0")/prepare.sh"
 export TMPDIR=${TMPDIR:-/dev/shm}    # the fuzzers write files
 seconds=${1:-60}
 install_packages "${PACKAGES[@]}" clang libclang-rt-14-dev
-cmake --preset sanitize -B build/fuzz -DRESERVATION_BUILD_FUZZERS=ON -DRESERVATION_BUILD_DAEMON=OFF >&2
-cmake --build build/fuzz --target reservation_file_fuzzer request_fuzzer trace_fuzzer >&2
+build sanitize --target reservation_file_fuzzer request_fuzzer trace_fuzzer
 for name in reservation_file request trace; do
     mkdir -p "build/corpus/$name"
-    build/fuzz/tests/fuzz/${name}_fuzzer -max_total_time="$seconds" -max_len=2048 -print_final_stats=1 \
+    build/sanitize/tests/fuzz/${name}_fuzzer -max_total_time="$seconds" -max_len=2048 -print_final_stats=1 \
         -verbosity=0 "build/corpus/$name" "tests/fuzz/corpus/$name"
 done

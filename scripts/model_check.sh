@@ -11,12 +11,11 @@ if ! [[ $minutes =~ ^[1-9][0-9]{0,4}$ && $seed =~ ^(0|[1-9][0-9]{0,17})$ ]]; the
     echo "scripts/model_check.sh: MINUTES (1 to 99999) and MODEL_SEED are to be whole numbers, not '$minutes' and '$seed'" >&2
     exit 2
 fi
-install_packages g++ cmake ninja-build libgtest-dev
-cmake --preset release -B build/model -DRESERVATION_BUILD_DAEMON=OFF -DRESERVATION_BUILD_REPLAY=OFF >&2
-cmake --build build/model --target model_test >&2
+install_packages "${PACKAGES[@]}"
+build release --target model_test
 TMPDIR=$(mktemp -d)
 trap 'kill $(jobs -p) 2>/dev/null || true; wait; rm -rf "$TMPDIR"' EXIT
 for process in 0 1; do
-    MODEL_SEED=$((seed + process)) MODEL_SECONDS=$((minutes * 60)) build/model/tests/model_test --gtest_brief=1 &
+    MODEL_SEED=$((seed + process)) MODEL_SECONDS=$((minutes * 60)) build/release/tests/model_test --gtest_brief=1 &
 done
 for process in 0 1; do wait -n || exit 1; done

@@ -3,7 +3,7 @@
 
 source "$(dirname "$0")/prepare.sh"
 install_packages "${PACKAGES[@]}" dpkg-dev file
-cmake --preset release -B build/package -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_SYSCONFDIR=/etc \
+configure release -B build/package -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_SYSCONFDIR=/etc \
     -DRESERVATION_BUILD_TESTS=OFF >&2
 cmake --build build/package >&2
 rm -f build/package/*.deb

@@ -20,8 +20,17 @@ install_packages() {
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
 }
 
-# Configures and builds a preset of CMakePresets.json.
+# Configures a preset of CMakePresets.json: configure PRESET [arguments of cmake]. With ccache, where that is installed, all
+# build trees of one compiler and its flags share what they compile.
+configure() {
+    if command -v ccache >/dev/null; then
+        export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1
+    fi
+    cmake --preset "$@" >&2
+}
+
+# Configures and builds a preset: build PRESET [arguments of cmake --build].
 build() {
-    cmake --preset "$1" >&2
-    cmake --build --preset "$1" >&2
+    configure "$1"
+    cmake --build --preset "$@" >&2
 }

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Builds everything, starts a daemon with a directory and a socket of its own, and replays the example trace through it.
+# Builds the programs, starts a daemon with a directory and a socket of its own, and replays the example trace through it.
 # Shows the daemon's reservations in the middle, stops the daemon, and prints the report. Arguments go to the replay; see
 # scripts/run.sh --help. Files are written below $TMPDIR.
 
 source "$(dirname "$0")/prepare.sh"
 install_packages "${PACKAGES[@]}"
-build release
+build release --target reservationd reservationctl reservation-replay
 bin=build/release
 dir=$(mktemp -d)
 address=unix:$dir/socket

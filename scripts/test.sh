@@ -1,15 +1,19 @@
 #!/usr/bin/env bash
-# Builds and runs every test: scripts/test.sh [--sanitize] [arguments of ctest]
-#   --sanitize    with Clang, under AddressSanitizer and UndefinedBehaviorSanitizer; otherwise with GCC, optimised
+# Builds and runs the tests: scripts/test.sh [--sanitize | --thread] [arguments of ctest]
+#   --sanitize    with Clang, under AddressSanitizer and UndefinedBehaviorSanitizer
+#   --thread      those of the daemon, with Clang under ThreadSanitizer
+# Otherwise with GCC, optimised.
 
 source "$(dirname "$0")/prepare.sh"
 preset=release
 packages=("${PACKAGES[@]}" openssl)
-if [ "${1:-}" = --sanitize ]; then
-    shift
-    preset=sanitize
-    packages+=(clang libclang-rt-14-dev)
-fi
+case ${1:-} in
+    --sanitize | --thread)
+        preset=${1#--}
+        packages+=(clang libclang-rt-14-dev)
+        shift
+        ;;
+esac
 install_packages "${packages[@]}"
 build "$preset"
 exec ctest --preset "$preset" --parallel "$(nproc)" "$@"

@@ -30,7 +30,8 @@ struct OptionInfo {
     // With reservation_mode: reservations follow the fabric's pkeys, and the clients' changes are ignored.
     bool reservation_auto_by_pkeys = false;
 
-    // Trees limit of a reservation that gives none. 0xFFFFFFFF: no limit.
+    // Trees limit, per plane, of a reservation that gives none; not capped. 0xFFFFFFFF: no limit, which 24575 stands
+    // for in a reservation.
     uint32_t reservation_default_num_trees = 0xFFFFFFFF;
 };
 

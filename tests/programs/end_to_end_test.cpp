@@ -1,10 +1,12 @@
 // The programs as they are run: processes, sockets, signals, and sudden death.
 
+#include <grp.h>
 #include <grpcpp/generic/generic_stub.h>
 #include <grpcpp/grpcpp.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -248,6 +250,15 @@ TEST_F(EndToEndTest, AClientThatHangsDelaysNobody) {
     EXPECT_NE(watcher.Output().find("\n2000  "), std::string::npos);
 }
 
+TEST_F(EndToEndTest, TheSocketIsOpenToAGroup) {
+    const gid_t id = geteuid() == 0 ? 1 : getegid();    // root can take one that files do not get anyway
+    const auto daemon = Serve(std::string("--socket-group ") + getgrgid(id)->gr_name);
+    struct stat facts {};
+    ASSERT_EQ(stat(Path("socket").c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_gid, id);
+    EXPECT_EQ(facts.st_mode & 0777U, 0660U);
+}
+
 TEST_F(EndToEndTest, ASecondDaemonIsTurnedAway) {
     const auto daemon = Serve();
     const auto on_same_directory = Launch("", "state", "other");
@@ -271,8 +282,10 @@ TEST_F(EndToEndTest, SighupReadsTheOptionsAgain) {
         daemon->WaitFor(message);
     };
     reload("reservation-mode = perhaps\n", "The options stay as they are");
-    reload("reservation-mode = true\nreservation-allow-guid-override = true\nreservation-allow-ending-jobs = true\n",
-           "Option reservation-allow-guid-override: ");
+    reload(
+        "reservation-mode = true\nreservation-allow-guid-override = true\nreservation-allow-ending-jobs = true\n"
+        "log-level = 4\n",
+        "Option reservation-allow-guid-override: ");
     ExpectSession(R"($ update A --add 3
 in force:
 KEY  PKEY  HCAS           TREES  JOBS  GUIDS
@@ -280,6 +293,7 @@ A     0x1     3  0 of unlimited     0  0x1-0x3
 deleted reservation B, whose GUIDs are taken
 ended 1 job: 7
 )");
+    daemon->WaitFor("Got a reservation update request");    // a record of level 4
     reload("", "Option reservation-mode: 'true' becomes ");
     EXPECT_TRUE(Ctl("update A --add 4").starts_with("refused: STATUS_MODE_DISABLED"));
     EXPECT_TRUE(Ctl("job begin 8 --guids 1").starts_with("refused: RESULT_MODE_DISABLED"));
@@ -297,7 +311,12 @@ TEST_F(EndToEndTest, AFullDiskRefusesChangesUntilThereIsSpace) {
     auto daemon = Serve();
     Ctl("create A --pkey 1 --guids 1,2");
     Ctl("job begin 7 --guids 1");
-    const std::string before = Ctl("list --json") + Ctl("job list");
+    Ctl("update none --add 1");
+    const auto look = [&] {
+        EXPECT_TRUE(std::regex_search(Ctl("status"), std::regex("refused creates and updates *1\n")));
+        return Ctl("list --json") + Ctl("job list");
+    };
+    const std::string before = look();
     rlimit limit{};
     const rlimit full{1, RLIM_INFINITY};
     ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_FSIZE, &full, &limit), 0);
@@ -307,7 +326,7 @@ TEST_F(EndToEndTest, AFullDiskRefusesChangesUntilThereIsSpace) {
                   "reservationctl: nothing has been changed: DIR/state/reservationd.sqlite: "
                   "the store cannot be written: disk I/O error\nexit 1\n");
     }
-    EXPECT_EQ(Ctl("list --json") + Ctl("job list"), before);
+    EXPECT_EQ(look(), before);
     ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_FSIZE, &limit, nullptr), 0);
     daemon->WaitFor("The store can be written again");
     Ctl("job begin 8 --guids 2");

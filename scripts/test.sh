@@ -16,4 +16,10 @@ case ${1:-} in
 esac
 install_packages "${packages[@]}"
 build "$preset"
-exec ctest --preset "$preset" --parallel "$(nproc)" "$@"
+rm -f build/thread/race.*
+ctest --preset "$preset" --parallel "$(nproc)" "$@" || status=$?
+if compgen -G 'build/thread/race.*' >&2; then
+    cat build/thread/race.* >&2
+    exit 1
+fi
+exit "${status:-0}"

@@ -185,7 +185,7 @@ void Engine::RestoreState() {
 void Engine::Submit(Call call) {
     Refusal refusal = Refusal::kNone;
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         if (is_stopping_) {
             refusal = Refusal::kStopping;
         } else if (calls_.size() >= kMaxQueuedCalls) {
@@ -199,13 +199,13 @@ void Engine::Submit(Call call) {
 }
 
 void Engine::Reconfigure(const EngineSettings& settings) {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     new_settings_ = settings;
 }
 
 void Engine::Stop() {
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         is_stopping_ = true;
     }
     events_.Close();
@@ -248,7 +248,7 @@ bool Engine::WaitForBatch(std::vector<Call>& batch) {
     std::optional<EngineSettings> new_settings;
     bool goes_on = true;
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         mutex_.AwaitWithTimeout(absl::Condition(this, &Engine::HasWork), timeout);
         const auto end = calls_.begin() + static_cast<std::ptrdiff_t>(std::min(calls_.size(), kMaxBatch));
         std::move(calls_.begin(), end, std::back_inserter(batch));

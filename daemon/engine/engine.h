@@ -3,7 +3,6 @@
 #pragma once
 
 #include <absl/base/thread_annotations.h>
-#include <absl/synchronization/mutex.h>
 
 #include <cstdint>
 #include <deque>
@@ -24,6 +23,7 @@
 #include "daemon/storage/store.h"
 #include "host/option_info.h"
 #include "reservation/v1/reservation.pb.h"
+#include "util/mutex.h"
 
 namespace reservationd {
 
@@ -116,7 +116,7 @@ private:
     uint64_t failed_requests_ = 0;    // as of the last commit
     bool store_is_writable_ = true;    // outcome of the last write; while false, changes are refused
 
-    absl::Mutex mutex_;
+    util::Mutex mutex_;
     std::deque<Call> calls_ ABSL_GUARDED_BY(mutex_);
     std::optional<EngineSettings> new_settings_ ABSL_GUARDED_BY(mutex_);
     bool is_stopping_ ABSL_GUARDED_BY(mutex_) = false;

@@ -6,7 +6,7 @@ void EventLog::Append(const std::vector<v1::Event>& events) {
     if (events.empty()) return;
     Readers woken;
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         events_.insert(events_.end(), events.begin(), events.end());
         while (events_.size() > kept_) events_.pop_front();
         newest_ = events.back().sequence();
@@ -16,7 +16,7 @@ void EventLog::Append(const std::vector<v1::Event>& events) {
 }
 
 EventLog::Outcome EventLog::Read(uint64_t sequence, v1::Event* event, const std::shared_ptr<Reader>& reader) {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     const uint64_t first = newest_ + 1 - events_.size();
     if (sequence < first || sequence > newest_ + 1) return Outcome::kGone;
     if (sequence <= newest_) {
@@ -29,14 +29,14 @@ EventLog::Outcome EventLog::Read(uint64_t sequence, v1::Event* event, const std:
 }
 
 void EventLog::Forget(const std::shared_ptr<Reader>& reader) {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     waiting_.erase(reader);
 }
 
 void EventLog::Close() {
     Readers woken;
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         is_closed_ = true;
         woken.swap(waiting_);
     }
@@ -44,12 +44,12 @@ void EventLog::Close() {
 }
 
 uint64_t EventLog::newest() const {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     return newest_;
 }
 
 uint64_t EventLog::oldest() const {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     return newest_ + 1 - events_.size();
 }
 

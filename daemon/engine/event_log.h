@@ -3,7 +3,6 @@
 #pragma once
 
 #include <absl/base/thread_annotations.h>
-#include <absl/synchronization/mutex.h>
 
 #include <cstdint>
 #include <deque>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "reservation/v1/reservation.pb.h"
+#include "util/mutex.h"
 
 namespace reservationd {
 
@@ -55,7 +55,7 @@ private:
     static void Wake(const Readers& readers);
 
     const uint64_t kept_;
-    mutable absl::Mutex mutex_;
+    mutable util::Mutex mutex_;
     std::deque<v1::Event> events_ ABSL_GUARDED_BY(mutex_);
     Readers waiting_ ABSL_GUARDED_BY(mutex_);
     uint64_t newest_ ABSL_GUARDED_BY(mutex_) = 0;

@@ -7,7 +7,7 @@
 namespace reservationd {
 
 void Watcher::Start(uint64_t from_sequence) {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     self_ = shared_from_this();
     next_ = from_sequence != 0 ? from_sequence : log_.newest() + 1;
     if (next_ < log_.oldest() || next_ > log_.newest() + 1) return EndOutOfRange();
@@ -16,13 +16,13 @@ void Watcher::Start(uint64_t from_sequence) {
 }
 
 void Watcher::OnWriteDone(bool ok) {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     if (!ok) return End(grpc::Status::CANCELLED);
     SendNext();
 }
 
 void Watcher::OnCancel() {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     if (!is_waiting_) return;    // OnWriteDone will be told
     log_.Forget(self_);
     End(grpc::Status::CANCELLED);
@@ -31,7 +31,7 @@ void Watcher::OnCancel() {
 void Watcher::OnDone() { const std::shared_ptr<Watcher> last = std::move(self_); }
 
 void Watcher::Wake() {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     if (!is_ended_) SendNext();
 }
 

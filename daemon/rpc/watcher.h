@@ -3,7 +3,6 @@
 #pragma once
 
 #include <absl/base/thread_annotations.h>
-#include <absl/synchronization/mutex.h>
 #include <grpcpp/grpcpp.h>
 
 #include <cstdint>
@@ -11,6 +10,7 @@
 
 #include "daemon/engine/event_log.h"
 #include "reservation/v1/reservation.pb.h"
+#include "util/mutex.h"
 
 namespace reservationd {
 
@@ -40,7 +40,7 @@ private:
 
     EventLog& log_;
     std::shared_ptr<Watcher> self_;    // set by Start, released by OnDone
-    absl::Mutex mutex_;
+    util::Mutex mutex_;
     v1::Event event_ ABSL_GUARDED_BY(mutex_);    // being sent
     uint64_t next_ ABSL_GUARDED_BY(mutex_) = 0;    // number of the event to send
     bool is_waiting_ ABSL_GUARDED_BY(mutex_) = false;    // the log will call Wake

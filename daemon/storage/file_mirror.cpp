@@ -29,7 +29,7 @@ FileMirror::FileMirror(ReservationFiles& files, MirrorJournal& journal)
 
 FileMirror::~FileMirror() {
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         is_stopping_ = true;
     }
     thread_.join();
@@ -39,17 +39,17 @@ FileMirror::~FileMirror() {
 
 void FileMirror::Put(const std::map<std::string, FileText>& texts) {
     const absl::Time now = absl::Now();
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     for (const auto& [key, text] : texts) MarkDirty(key, text, now, true);
 }
 
 void FileMirror::WaitForRoom() const {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     mutex_.Await(absl::Condition(this, &FileMirror::HasRoom));
 }
 
 MirrorStatus FileMirror::status() const {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     return {dirty_keys_.size() + num_being_written_, std::max(absl::Now() - OldestDirty(), absl::ZeroDuration()),
             fault_};
 }
@@ -70,7 +70,7 @@ void FileMirror::Run() {
 // Waits until the oldest dirty key is due, and takes those that are. Empty: the mirror is to stop.
 FileMirror::Batch FileMirror::TakeBatch() {
     Batch batch;
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     mutex_.Await(absl::Condition(this, &FileMirror::HasWork));
     if (order_.empty()) return batch;
     mutex_.AwaitWithDeadline(absl::Condition(this, &FileMirror::IsHurried),
@@ -111,7 +111,7 @@ void FileMirror::WriteBatch(const Batch& batch) {
 void FileMirror::EndBatch() {
     bool has_recovered = false;
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         num_being_written_ = 0;
         being_written_since_ = absl::InfiniteFuture();
         has_recovered = !std::exchange(fault_, "").empty();
@@ -125,7 +125,7 @@ bool FileMirror::PutBack(const Batch& batch, const std::string& fault) {
     bool is_new = false;
     bool goes_on = true;
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         for (auto write = batch.rbegin(); write != batch.rend(); ++write) {
             MarkDirty(write->key, write->text, write->since, false);
         }

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <absl/base/thread_annotations.h>
-#include <absl/synchronization/mutex.h>
 #include <absl/time/time.h>
 
 #include <cstddef>
@@ -18,6 +17,7 @@
 
 #include "daemon/storage/mirror_journal.h"
 #include "daemon/storage/reservation_files.h"
+#include "util/mutex.h"
 
 namespace reservationd {
 
@@ -78,7 +78,7 @@ private:
     ReservationFiles& files_;
     MirrorJournal& journal_;
 
-    mutable absl::Mutex mutex_;
+    mutable util::Mutex mutex_;
     std::map<std::string, DirtyKey> dirty_keys_ ABSL_GUARDED_BY(mutex_);
     std::list<std::string> order_ ABSL_GUARDED_BY(mutex_);    // the dirty keys, oldest first
     size_t dirty_bytes_ ABSL_GUARDED_BY(mutex_) = 0;    // of their texts

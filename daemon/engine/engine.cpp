@@ -364,4 +364,11 @@ void Engine::Describe(v1::DaemonInfo* info) const {
     if (!mirror.fault.empty()) info->add_warnings("reservation files cannot be written: " + mirror.fault);
 }
 
+v1::StateVersion Engine::Version() const {
+    v1::StateVersion version;
+    version.set_epoch(epoch());
+    version.set_sequence(events_.newest() + state_->num_new_events());
+    return version;
+}
+
 }    // namespace reservationd

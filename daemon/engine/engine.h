@@ -79,9 +79,11 @@ public:
 
     // For calls while they run.
     void Describe(v1::DaemonInfo* info) const;
+    v1::StateVersion Version() const;    // of the state as the call sees it
 
-    // What has been committed. For any thread.
+    // What has been committed, and what names its numbering. For any thread.
     EventLog& events() { return events_; }
+    const std::string& epoch() const { return store_->identity().id; }
 
 private:
     void Recover();

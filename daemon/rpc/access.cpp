@@ -43,6 +43,10 @@ Permission PermissionFor(std::string_view method) {
     return rule != std::end(kRules) ? rule->permission : Permission::kChange;
 }
 
+Client ClientOf(const grpc::CallbackServerContext& context) {
+    return {.is_local = context.peer().starts_with("unix:"), .common_name = CommonName(*context.auth_context())};
+}
+
 std::string CommonName(const grpc::AuthContext& context) {
     const auto names = context.FindPropertyValues("x509_common_name");
     return names.empty() ? "" : std::string(names.front().data(), names.front().size());

@@ -4,6 +4,7 @@
 
 #include <absl/status/status.h>
 #include <grpcpp/security/auth_context.h>
+#include <grpcpp/server_context.h>
 
 #include <set>
 #include <string>
@@ -32,6 +33,8 @@ struct Client {
     bool is_local = false;    // on the Unix socket
     std::string common_name;    // of its certificate; empty: there is none
 };
+
+Client ClientOf(const grpc::CallbackServerContext& context);
 
 // The common name of the certificate that a connection was authenticated with; empty when there is none.
 std::string CommonName(const grpc::AuthContext& context);

@@ -1,5 +1,6 @@
 #include "daemon/rpc/request_validation.h"
 
+#include <absl/strings/numbers.h>
 #include <absl/strings/str_cat.h>
 
 #include <cstdint>
@@ -64,7 +65,14 @@ absl::Status ValidateRequest(const v1::EndJobRequest& request) {
     return ValidateNumber("job_id", request.job_id(), 1, kMaxUint64);
 }
 
-absl::Status ValidateRequest(const v1::ListJobsRequest& request) { return ValidateKeyField(request.reservation_key()); }
+absl::Status ValidateRequest(const v1::ListJobsRequest& request) {
+    uint64_t last_listed = 0;
+    if (!request.page_token().empty() && !absl::SimpleAtoi(request.page_token(), &last_listed)) {
+        return absl::InvalidArgumentError(
+            absl::StrCat("page_token '", util::TruncateForMessage(request.page_token()), "' comes from no reply"));
+    }
+    return ValidateKeyField(request.reservation_key());
+}
 
 absl::Status ValidateRequest(const v1::ReportPortRequest& request) {
     absl::Status status = FirstError(ValidateNumber("guid", request.guid(), 1, kMaxUint64),
@@ -74,5 +82,39 @@ absl::Status ValidateRequest(const v1::ReportPortRequest& request) {
 }
 
 absl::Status ValidateRequest(const v1::GetDaemonInfoRequest&) { return absl::OkStatus(); }
+
+absl::Status ValidateRequest(const v1::Operation& operation) {
+    switch (operation.operation_case()) {
+        case v1::Operation::kCreateReservation:
+            return ValidateRequest(operation.create_reservation());
+        case v1::Operation::kUpdateReservation:
+            return ValidateRequest(operation.update_reservation());
+        case v1::Operation::kDeleteReservation:
+            return ValidateRequest(operation.delete_reservation());
+        case v1::Operation::kBeginJob:
+            return ValidateRequest(operation.begin_job());
+        case v1::Operation::kEndJob:
+            return ValidateRequest(operation.end_job());
+        case v1::Operation::OPERATION_NOT_SET:
+            break;
+    }
+    return absl::InvalidArgumentError("the operation is missing, or unknown to this daemon");
+}
+
+absl::Status ValidateRequest(const v1::TransactRequest& request) {
+    for (int i = 0; i < request.operations_size(); ++i) {
+        absl::Status status = ValidateRequest(request.operations(i));
+        if (status.ok() && IsDryRun(request.operations(i))) {
+            status = absl::InvalidArgumentError("dry_run is set, which only the whole transaction can have");
+        }
+        if (!status.ok()) return {status.code(), absl::StrCat("operations[", i, "]: ", status.message())};
+    }
+    return absl::OkStatus();
+}
+
+bool IsDryRun(const v1::Operation& operation) {
+    return operation.create_reservation().dry_run() || operation.update_reservation().dry_run() ||
+           operation.delete_reservation().dry_run();
+}
 
 }    // namespace reservationd

@@ -21,5 +21,10 @@ absl::Status ValidateRequest(const v1::EndJobRequest& request);
 absl::Status ValidateRequest(const v1::ListJobsRequest& request);
 absl::Status ValidateRequest(const v1::ReportPortRequest& request);
 absl::Status ValidateRequest(const v1::GetDaemonInfoRequest& request);
+absl::Status ValidateRequest(const v1::Operation& operation);
+absl::Status ValidateRequest(const v1::TransactRequest& request);
+
+// Whether what is asked for would change nothing in any case.
+bool IsDryRun(const v1::Operation& operation);
 
 }    // namespace reservationd

@@ -177,7 +177,8 @@ Server::Server(const ServerSettings& settings, Engine& engine)
 }
 
 Server::~Server() {
-    if (listener_->server != nullptr) listener_->server->Shutdown(std::chrono::system_clock::now() + kShutdownTimeout);
+    listener_->service.EndSessions();
+    listener_->server->Shutdown(std::chrono::system_clock::now() + kShutdownTimeout);
 }
 
 }    // namespace reservationd

@@ -9,27 +9,11 @@
 #include "daemon/rpc/grpc_status.h"
 #include "daemon/rpc/request_validation.h"
 #include "daemon/rpc/watcher.h"
+#include "daemon/state/transaction.h"
 
 namespace reservationd {
 
 namespace {
-
-grpc::Status ToGrpc(Refusal refusal, const std::string& reason) {
-    switch (refusal) {
-        case Refusal::kNone:
-            return grpc::Status::OK;
-        case Refusal::kStopping:
-            return {grpc::StatusCode::UNAVAILABLE, reason};
-        case Refusal::kNotStored:
-        case Refusal::kTooManyCalls:
-            break;
-    }
-    return {grpc::StatusCode::RESOURCE_EXHAUSTED, reason};
-}
-
-Client ClientOf(const grpc::CallbackServerContext& context) {
-    return {.is_local = context.peer().starts_with("unix:"), .common_name = CommonName(*context.auth_context())};
-}
 
 template <typename Request>
 bool IsDryRun(const Request& request) {
@@ -38,9 +22,10 @@ bool IsDryRun(const Request& request) {
 }
 
 // A stream that ends before it began.
-class RefusedWatch : public grpc::ServerWriteReactor<v1::Event> {
+template <typename Reactor>
+class Refused : public Reactor {
 public:
-    explicit RefusedWatch(const grpc::Status& status) { Finish(status); }
+    explicit Refused(const absl::Status& status) { this->Finish(ToGrpc(status)); }
     void OnDone() override { delete this; }
 };
 
@@ -55,7 +40,8 @@ Service::Service(Engine& engine, const AccessControl& access)
 
 template <typename Request>
 grpc::ServerUnaryReactor* Service::Submit(grpc::CallbackServerContext* context, const char* method,
-                                          const Request& request, std::function<void(ReservationState& state)> run) {
+                                          const Request& request,
+                                          std::function<absl::Status(ReservationState& state)> run) {
     grpc::ServerUnaryReactor* const reactor = context->DefaultReactor();
     const Permission permission =
         IsDryRun(request) ? Permission::kRead : PermissionFor(absl::StrCat(kServicePrefix, method));
@@ -65,9 +51,12 @@ grpc::ServerUnaryReactor* Service::Submit(grpc::CallbackServerContext* context, 
         reactor->Finish(ToGrpc(status));
         return reactor;
     }
-    engine_.Submit(
-        {permission == Permission::kChange, std::move(run),
-         [reactor](Refusal refusal, const std::string& reason) { reactor->Finish(ToGrpc(refusal, reason)); }});
+    const auto outcome = std::make_shared<absl::Status>();
+    engine_.Submit({permission == Permission::kChange,
+                    [run = std::move(run), outcome](ReservationState& state) { *outcome = run(state); },
+                    [reactor, outcome](Refusal refusal, const std::string& reason) {
+                        reactor->Finish(ToGrpc(refusal == Refusal::kNone ? *outcome : ToStatus(refusal, reason)));
+                    }});
     return reactor;
 }
 
@@ -78,6 +67,7 @@ grpc::ServerUnaryReactor* Service::Serve(grpc::CallbackServerContext* context, c
     return Submit(context, method, *request, [request, reply, operation](ReservationState& state) {
         reply->Clear();
         (state.*operation)(*request, reply);
+        return absl::OkStatus();
     });
 }
 
@@ -102,7 +92,12 @@ grpc::ServerUnaryReactor* Service::DeleteReservation(grpc::CallbackServerContext
 grpc::ServerUnaryReactor* Service::GetReservations(grpc::CallbackServerContext* context,
                                                    const v1::GetReservationsRequest* request,
                                                    v1::ReservationReply* reply) {
-    return Serve(context, "GetReservations", request, reply, &ReservationState::GetReservations);
+    return Submit(context, "GetReservations", *request, [this, request, reply](ReservationState& state) {
+        reply->Clear();
+        state.GetReservations(*request, reply);
+        *reply->mutable_version() = engine_.Version();
+        return absl::OkStatus();
+    });
 }
 
 grpc::ServerUnaryReactor* Service::BeginJob(grpc::CallbackServerContext* context, const v1::BeginJobRequest* request,
@@ -132,15 +127,31 @@ grpc::ServerUnaryReactor* Service::GetDaemonInfo(grpc::CallbackServerContext* co
         reply->set_version(RESERVATIOND_VERSION);
         reply->set_started_unix_millis(started_unix_millis_);
         engine_.Describe(reply);
+        return absl::OkStatus();
     });
+}
+
+grpc::ServerUnaryReactor* Service::Transact(grpc::CallbackServerContext* context, const v1::TransactRequest* request,
+                                            v1::TransactReply* reply) {
+    return Submit(context, "Transact", *request, [this, request, reply](ReservationState& state) {
+        reply->Clear();
+        return reservationd::Transact(state, engine_.Version(), *request, reply);
+    });
+}
+
+grpc::ServerBidiReactor<v1::SessionRequest, v1::SessionReply>* Service::Session(grpc::CallbackServerContext* context) {
+    const Client client = ClientOf(*context);
+    const absl::Status status = access_.Check(client, PermissionFor(absl::StrCat(kServicePrefix, "Session")));
+    if (!status.ok()) return new Refused<grpc::ServerBidiReactor<v1::SessionRequest, v1::SessionReply>>(status);
+    return sessions_.Begin(engine_);
 }
 
 grpc::ServerWriteReactor<v1::Event>* Service::Watch(grpc::CallbackServerContext* context,
                                                     const v1::WatchRequest* request) {
-    const absl::Status access = access_.Check(ClientOf(*context), PermissionFor(absl::StrCat(kServicePrefix, "Watch")));
-    if (!access.ok()) return new RefusedWatch(ToGrpc(access));
+    const absl::Status status = access_.Check(ClientOf(*context), PermissionFor(absl::StrCat(kServicePrefix, "Watch")));
+    if (!status.ok()) return new Refused<grpc::ServerWriteReactor<v1::Event>>(status);
     const auto watcher = std::make_shared<Watcher>(engine_.events());
-    watcher->Start(request->from_sequence());
+    watcher->Start(*request, engine_.epoch());
     return watcher.get();
 }
 

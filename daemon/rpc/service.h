@@ -9,6 +9,7 @@
 
 #include "daemon/engine/engine.h"
 #include "daemon/rpc/access.h"
+#include "daemon/rpc/session.h"
 #include "reservation/v1/reservation.grpc.pb.h"
 
 namespace reservationd {
@@ -40,15 +41,22 @@ public:
                                        v1::ListJobsReply* reply) override;
     grpc::ServerUnaryReactor* ReportPort(grpc::CallbackServerContext* context, const v1::ReportPortRequest* request,
                                          v1::ReportPortReply* reply) override;
+    grpc::ServerUnaryReactor* Transact(grpc::CallbackServerContext* context, const v1::TransactRequest* request,
+                                       v1::TransactReply* reply) override;
+    grpc::ServerBidiReactor<v1::SessionRequest, v1::SessionReply>* Session(
+        grpc::CallbackServerContext* context) override;
     grpc::ServerWriteReactor<v1::Event>* Watch(grpc::CallbackServerContext* context,
                                                const v1::WatchRequest* request) override;
     grpc::ServerUnaryReactor* GetDaemonInfo(grpc::CallbackServerContext* context,
                                             const v1::GetDaemonInfoRequest* request, v1::DaemonInfo* reply) override;
 
+    // Lets the sessions end when what they have under way is answered.
+    void EndSessions() { sessions_.End(); }
+
 private:
     template <typename Request>
     grpc::ServerUnaryReactor* Submit(grpc::CallbackServerContext* context, const char* method, const Request& request,
-                                     std::function<void(ReservationState& state)> run);
+                                     std::function<absl::Status(ReservationState& state)> run);
     template <typename Request, typename Reply>
     grpc::ServerUnaryReactor* Serve(grpc::CallbackServerContext* context, const char* method, const Request* request,
                                     Reply* reply, void (ReservationState::*operation)(const Request&, Reply*));
@@ -56,6 +64,7 @@ private:
     Engine& engine_;
     const AccessControl& access_;
     const int64_t started_unix_millis_;
+    SessionList sessions_;
 };
 
 }    // namespace reservationd

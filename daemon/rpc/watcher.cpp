@@ -6,12 +6,16 @@
 
 namespace reservationd {
 
-void Watcher::Start(uint64_t from_sequence) {
+void Watcher::Start(const v1::WatchRequest& request, const std::string& epoch) {
     const util::MutexLock lock(&mutex_);
     self_ = shared_from_this();
-    next_ = from_sequence != 0 ? from_sequence : log_.newest() + 1;
+    if (!request.epoch().empty() && request.epoch() != epoch) {
+        return End({grpc::StatusCode::OUT_OF_RANGE, "the numbering of the events began anew: its epoch is " + epoch});
+    }
+    next_ = request.from_sequence() != 0 ? request.from_sequence() : log_.newest() + 1;
     if (next_ < log_.oldest() || next_ > log_.newest() + 1) return EndOutOfRange();
     event_.set_sequence(next_);
+    event_.set_epoch(epoch);
     StartWrite(&event_);
 }
 

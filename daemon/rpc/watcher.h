@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "daemon/engine/event_log.h"
 #include "reservation/v1/reservation.pb.h"
@@ -25,8 +26,8 @@ public:
     // `log` must outlive the call.
     explicit Watcher(EventLog& log) : log_(log) {}
 
-    // Starts at the event with this number; at 0 with the next one to happen.
-    void Start(uint64_t from_sequence);
+    // Starts at the event that the request wants. `epoch`: that the log's events are numbered in.
+    void Start(const v1::WatchRequest& request, const std::string& epoch);
 
     void OnWriteDone(bool ok) override;
     void OnCancel() override;

@@ -1,5 +1,8 @@
 #include "daemon/state/reservation_state.h"
 
+#include <absl/strings/numbers.h>
+#include <absl/strings/str_cat.h>
+
 #include <algorithm>
 #include <chrono>
 #include <iterator>
@@ -7,6 +10,7 @@
 #include <utility>
 
 #include "daemon/state/packed_record.h"
+#include "daemon/state/page.h"
 #include "daemon/state/request_records.h"
 
 namespace reservationd {
@@ -22,6 +26,13 @@ int64_t NowInUnixMillis() {
 bool HasKeyOnly(const vesk_reservation_info& entry) {
     return entry.state == VESK_STATE_NONE && entry.guids == nullptr &&
            std::all_of(std::begin(entry.limits), std::end(entry.limits), [](uint32_t limit) { return limit == 0; });
+}
+
+void DescribeAccount(const ReservationInfo& info, v1::Reservation* reservation) {
+    reservation->set_id(info.reservation_id);
+    reservation->set_max_trees(info.max_trees);
+    reservation->set_used_trees(info.used_trees);
+    for (const auto& [job_id, job] : info.jobs) reservation->add_job_ids(job_id);
 }
 
 std::unique_ptr<ReservationInfo> Unpack(const std::string& key, const std::string& packed) {
@@ -122,12 +133,28 @@ void ReservationState::DeleteReservation(const v1::DeleteReservationRequest& req
 }
 
 void ReservationState::GetReservations(const v1::GetReservationsRequest& request, v1::ReservationReply* reply) {
+    if (request.key().empty() && context_.options.reservation_mode) return ListReservations(request, reply);
+
     const ManagerScope scope(context_);
     reply_ = reply;
     with_details_ = request.with_details();
     manager_->ReservationInfoRequest(ToRecord(request), nullptr, 0);
     with_details_ = true;
     if (reply->status() != v1::STATUS_SUCCESS) reply->set_reason(context_.reason);
+}
+
+// The manager knows no pages.
+void ReservationState::ListReservations(const v1::GetReservationsRequest& request, v1::ReservationReply* reply) const {
+    const auto describe = [&request](const ReservationInfo& reservation, v1::Reservation* listed) {
+        DescribeSummary(reservation.info, listed);
+        if (!request.with_details()) return;
+        DescribeDetails(reservation.info, listed);
+        DescribeAccount(reservation, listed);
+    };
+    reply->set_status_name(v1::Status_Name(v1::STATUS_SUCCESS));
+    const auto last = FillPage(manager_->reservations, request.page_token(), request.page_size(), describe,
+                               reply->mutable_reservations());
+    if (last) reply->set_next_page_token(*last);
 }
 
 // Answers the request from a scratch copy: the same manager decides, and nothing is changed here.
@@ -137,19 +164,20 @@ void ReservationState::DryRun(void (ReservationState::*operation)(const Request&
                               v1::ReservationReply* reply) const {
     Request real_request = request;
     real_request.set_dry_run(false);
-    (*MakeScratchCopy({request.key()}, guids).*operation)(real_request, reply);
+    (*MakeScratchCopy({{request.key()}, {guids.begin(), guids.end()}, {}}).*operation)(real_request, reply);
 }
 
-// Returns a state with the reservations that have these keys or own these GUIDs, and their jobs: all that requests
-// which name no others depend on and can change.
-std::unique_ptr<ReservationState> ReservationState::MakeScratchCopy(
-    std::set<std::string> keys, const google::protobuf::RepeatedField<uint64_t>& guids) const {
-    for (const uint64_t guid : guids) {
+std::unique_ptr<ReservationState> ReservationState::MakeScratchCopy(NamedThings named) const {
+    for (const uint64_t guid : named.guids) {
         const ReservationInfo* const owner = OwnerOf(guid);
-        if (owner != nullptr) keys.insert(owner->info.reservation_key);
+        if (owner != nullptr) named.keys.insert(owner->info.reservation_key);
+    }
+    for (const uint64_t job_id : named.job_ids) {
+        const Job* const job = jobs_.Find(job_id);
+        if (job != nullptr) named.keys.insert(job->description.reservation_key());
     }
     auto copy = std::make_unique<ReservationState>(context_.options, nullptr);
-    for (const std::string& key : keys) {
+    for (const std::string& key : named.keys) {
         for (const auto& [job_id, job] : jobs_.OfReservation(key)) {
             copy->jobs_.Insert(std::make_unique<Job>(job->description));
         }
@@ -174,11 +202,7 @@ void ReservationState::Describe(const vesk_reservation_info& entry, v1::Reservat
     DescribeDetails(entry, reservation);
     const auto found = manager_->reservations.find(entry.reservation_key);
     if (entry.state == VESK_STATE_NONE || found == manager_->reservations.end()) return;
-    const ReservationInfo& info = *found->second;
-    reservation->set_id(info.reservation_id);
-    reservation->set_max_trees(info.max_trees);
-    reservation->set_used_trees(info.used_trees);
-    for (const auto& [job_id, job] : info.jobs) reservation->add_job_ids(job_id);
+    DescribeAccount(*found->second, reservation);
 }
 
 // ---- Jobs ----
@@ -253,16 +277,18 @@ void ReservationState::EndJob(const v1::EndJobRequest& request, v1::EndJobReply*
 }
 
 void ReservationState::ListJobs(const v1::ListJobsRequest& request, v1::ListJobsReply* reply) {
-    const auto add = [reply](const Job& job) {
-        v1::Job* const listed = reply->add_jobs();
+    uint64_t last_listed = 0;
+    if (!absl::SimpleAtoi(request.page_token(), &last_listed)) last_listed = 0;
+    const auto describe = [](const Job& job, v1::Job* listed) {
         *listed = job.description;
         listed->set_accounted(job.vesk_job.reservation_accounted);
     };
-    if (request.reservation_key().empty()) {
-        for (const auto& [job_id, job] : jobs_.all()) add(*job);
-    } else {
-        for (const auto& [job_id, job] : jobs_.OfReservation(request.reservation_key())) add(*job);
-    }
+    const auto fill = [&](const auto& jobs) {
+        return FillPage(jobs, last_listed, request.page_size(), describe, reply->mutable_jobs());
+    };
+    const auto last =
+        request.reservation_key().empty() ? fill(jobs_.all()) : fill(jobs_.OfReservation(request.reservation_key()));
+    if (last) reply->set_next_page_token(absl::StrCat(*last));
 }
 
 // Takes a job out of the running ones. Null when there is none with this id.

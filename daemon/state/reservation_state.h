@@ -35,6 +35,13 @@ struct StateChanges {
     std::vector<v1::Event> events;    // in order, without sequence numbers
 };
 
+// What requests name.
+struct NamedThings {
+    std::set<std::string> keys;
+    std::vector<uint64_t> guids;
+    std::vector<uint64_t> job_ids;
+};
+
 // Used by one thread at a time. Several can exist, of which one runs an operation at a time, in any thread.
 //
 // REQUIRES of every request: its key and its numbers have been checked.
@@ -55,6 +62,7 @@ public:
     void CreateReservation(const v1::CreateReservationRequest& request, v1::ReservationReply* reply);
     void UpdateReservation(const v1::UpdateReservationRequest& request, v1::ReservationReply* reply);
     void DeleteReservation(const v1::DeleteReservationRequest& request, v1::ReservationReply* reply);
+    // Without `version`, which is the engine's to know.
     void GetReservations(const v1::GetReservationsRequest& request, v1::ReservationReply* reply);
     void BeginJob(const v1::BeginJobRequest& request, v1::BeginJobReply* reply);
     void EndJob(const v1::EndJobRequest& request, v1::EndJobReply* reply);
@@ -62,10 +70,17 @@ public:
     void ReportPort(const v1::ReportPortRequest& request, v1::ReportPortReply* reply);
     void Describe(v1::DaemonInfo* info) const;    // the options and the counts
 
+    // Returns a state of its own, without a log, in which requests that name nothing else can be tried: with the
+    // reservations that have these keys, own these GUIDs or have these jobs, and with their jobs.
+    std::unique_ptr<ReservationState> MakeScratchCopy(NamedThings named) const;
+
     // ---- Storing and restoring ----
 
     // What changed since the last call.
     StateChanges TakeChanges();
+
+    // Events since that call.
+    size_t num_new_events() const { return changes_.events.size(); }
 
     // Adds a stored job, which is in no reservation's counts yet. REQUIRES: the job is not there, and neither is its
     // reservation. Throws std::runtime_error when it is damaged.
@@ -103,8 +118,7 @@ private:
     template <typename Request>
     void DryRun(void (ReservationState::*operation)(const Request&, v1::ReservationReply*), const Request& request,
                 const google::protobuf::RepeatedField<uint64_t>& guids, v1::ReservationReply* reply) const;
-    std::unique_ptr<ReservationState> MakeScratchCopy(std::set<std::string> keys,
-                                                      const google::protobuf::RepeatedField<uint64_t>& guids) const;
+    void ListReservations(const v1::GetReservationsRequest& request, v1::ReservationReply* reply) const;
     void Describe(const vesk_reservation_info& entry, v1::Reservation* reservation) const;
     void ReplyToRepeatedBegin(const v1::Job& running, const v1::Job& wanted, v1::BeginJobReply* reply) const;
     v1::BeginJobReply::Result Admit(std::unique_ptr<Job> job, v1::BeginJobReply* reply);

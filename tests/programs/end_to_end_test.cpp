@@ -261,6 +261,38 @@ TEST_F(EndToEndTest, TheSocketIsOpenToAGroup) {
     EXPECT_EQ(facts.st_mode & 0777U, 0660U);
 }
 
+TEST_F(EndToEndTest, ASessionAnswersInOrderAndEndsWithTheDaemon) {
+    constexpr uint64_t kNumOperations = 500;    // more than may be unanswered
+    const auto daemon = Serve();
+    {
+        grpc::ClientContext context;
+        context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(10));
+        const auto session = Connect(Address())->Session(&context);
+        std::thread writer([&] {
+            for (uint64_t id = 1; id <= kNumOperations; ++id) {
+                v1::SessionRequest request;
+                request.set_id(id);
+                auto& create = *request.mutable_operation()->mutable_create_reservation();
+                create.set_key(id % 100 == 0 ? "a/b" : "R" + std::to_string(id));
+                create.add_guids(id % 7 == 0 ? 1 : id);
+                EXPECT_TRUE(session->Write(request));
+            }
+        });
+        v1::SessionReply reply;
+        for (uint64_t id = 1; id <= kNumOperations && session->Read(&reply); ++id) {
+            EXPECT_EQ(reply.id(), id);
+            EXPECT_EQ(reply.error_code(), id % 100 == 0 ? 3U : 0U) << reply.error_message();
+            EXPECT_EQ(reply.reply().reservation().status(), id % 7 == 0 && id % 100 != 0 ? 6 : 0);
+        }
+        writer.join();
+        EXPECT_EQ(reply.id(), kNumOperations);
+        daemon->Signal(SIGTERM);
+        EXPECT_FALSE(session->Read(&reply));
+        EXPECT_EQ(session->Finish().error_code(), grpc::StatusCode::UNAVAILABLE);
+    }
+    EXPECT_EQ(daemon->Wait(), 0);
+}
+
 TEST_F(EndToEndTest, ASecondDaemonIsTurnedAway) {
     const auto daemon = Serve();
     const auto on_same_directory = Launch("", "state", "other");
@@ -379,6 +411,8 @@ for name in daemon operator viewer stranger; do make $name /CN=$name "$(signed_b
         {service + "EndJob", false},
         {service + "ListJobs", true},
         {service + "ReportPort", false},
+        {service + "Transact", false},
+        {service + "Session", false},
         {service + "Watch", true},
         {service + "GetDaemonInfo", true},
         {"/grpc.health.v1.Health/Check", true},

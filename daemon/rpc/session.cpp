@@ -1,0 +1,146 @@
+#include "daemon/rpc/session.h"
+
+#include <string>
+#include <utility>
+
+#include "daemon/rpc/grpc_status.h"
+#include "daemon/rpc/request_validation.h"
+#include "daemon/state/transaction.h"
+
+namespace reservationd {
+
+namespace {
+
+constexpr size_t kMaxUnanswered = 64;
+
+}    // namespace
+
+// ---- One session ----
+
+void Session::End() {
+    {
+        const absl::MutexLock lock(&mutex_);
+        is_stopping_ = true;
+    }
+    GoOn();
+}
+
+void Session::OnReadDone(bool ok) {
+    if (ok) Submit(Enter());
+    {
+        const absl::MutexLock lock(&mutex_);
+        is_reading_ = false;
+        if (!ok) is_at_end_ = true;
+    }
+    GoOn();
+}
+
+void Session::OnWriteDone(bool ok) {
+    {
+        const absl::MutexLock lock(&mutex_);
+        is_writing_ = false;
+        if (!ok) is_broken_ = true;
+        exchanges_.pop_front();
+    }
+    GoOn();
+}
+
+void Session::OnDone() { list_.Remove(shared_from_this()); }
+
+Session::Exchange& Session::Enter() {
+    const absl::MutexLock lock(&mutex_);
+    Exchange& exchange = exchanges_.emplace_back();
+    exchange.request = std::move(incoming_);
+    return exchange;
+}
+
+void Session::Submit(Exchange& exchange) {
+    const v1::Operation& operation = exchange.request.operation();
+    const absl::Status status = ValidateRequest(operation);
+    if (!status.ok()) return Answer(exchange, status);
+    engine_.Submit({!IsDryRun(operation),
+                    [&exchange](ReservationState& state) {
+                        exchange.reply.Clear();
+                        RunOperation(state, exchange.request.operation(), exchange.reply.mutable_reply());
+                    },
+                    [self = shared_from_this(), &exchange](Refusal refusal, const std::string& reason) {
+                        self->Answer(exchange, ToStatus(refusal, reason));
+                    }});
+}
+
+void Session::Answer(Exchange& exchange, const absl::Status& status) {
+    exchange.reply.set_id(exchange.request.id());
+    if (!status.ok()) {
+        exchange.reply.clear_reply();
+        exchange.reply.set_error_code(static_cast<uint32_t>(status.code()));
+        exchange.reply.set_error_message(std::string(status.message()));
+    }
+    {
+        const absl::MutexLock lock(&mutex_);
+        exchange.is_answered = true;
+    }
+    GoOn();
+}
+
+// Starts what can be started. A write begins without the lock: it sends. As long as is_writing_ says that one is under
+// way, nobody else starts one, or finishes the call.
+void Session::GoOn() {
+    const v1::SessionReply* reply = nullptr;
+    grpc::Status status;
+    {
+        const absl::MutexLock lock(&mutex_);
+        if (IsToRead()) {
+            is_reading_ = true;
+            StartRead(&incoming_);
+        }
+        if (is_writing_ || is_finished_) return;
+        while (is_broken_ && !exchanges_.empty() && exchanges_.front().is_answered) exchanges_.pop_front();
+        if (!exchanges_.empty()) {
+            if (!exchanges_.front().is_answered) return;
+            is_writing_ = true;
+            reply = &exchanges_.front().reply;
+        } else {
+            if (!is_stopping_ && !is_at_end_ && !is_broken_) return;
+            is_finished_ = true;
+            if (is_stopping_) status = {grpc::StatusCode::UNAVAILABLE, "the daemon is stopping"};
+        }
+    }
+    if (reply != nullptr) {
+        StartWrite(reply);
+    } else {
+        Finish(status);
+    }
+}
+
+bool Session::IsToRead() const {
+    return !is_reading_ && !is_at_end_ && !is_broken_ && !is_stopping_ && !is_finished_ &&
+           exchanges_.size() < kMaxUnanswered;
+}
+
+// ---- All sessions ----
+
+Session* SessionList::Begin(Engine& engine) {
+    const auto session = std::make_shared<Session>(engine, *this);
+    bool is_ended = false;
+    {
+        const absl::MutexLock lock(&mutex_);
+        sessions_.insert(session);
+        is_ended = is_ended_;
+    }
+    session->Start();
+    if (is_ended) session->End();
+    return session.get();
+}
+
+void SessionList::End() {
+    const absl::MutexLock lock(&mutex_);
+    is_ended_ = true;
+    for (const std::shared_ptr<Session>& session : sessions_) session->End();
+}
+
+void SessionList::Remove(const std::shared_ptr<Session>& session) {
+    const absl::MutexLock lock(&mutex_);
+    sessions_.erase(session);
+}
+
+}    // namespace reservationd

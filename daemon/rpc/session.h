@@ -1,0 +1,83 @@
+// The stream of a Session call.
+
+#pragma once
+
+#include <absl/base/thread_annotations.h>
+#include <absl/status/status.h>
+#include <absl/synchronization/mutex.h>
+#include <grpcpp/grpcpp.h>
+
+#include <deque>
+#include <memory>
+#include <set>
+
+#include "daemon/engine/engine.h"
+#include "reservation/v1/reservation.pb.h"
+
+namespace reservationd {
+
+namespace v1 = reservation::v1;
+
+class SessionList;
+
+// Hands one client's operations to the engine as they are read, and answers them in their order. Nothing is read while
+// too many of them are unanswered, so that a client which does not read its answers holds the memory of these.
+class Session : public grpc::ServerBidiReactor<v1::SessionRequest, v1::SessionReply>,
+                public std::enable_shared_from_this<Session> {
+public:
+    // Both must outlive the call.
+    Session(Engine& engine, SessionList& list) : engine_(engine), list_(list) {}
+
+    void Start() { GoOn(); }
+
+    // Reads no more, and ends when what has been read is answered.
+    void End();
+
+    void OnReadDone(bool ok) override;
+    void OnWriteDone(bool ok) override;
+    void OnDone() override;
+
+private:
+    struct Exchange {
+        v1::SessionRequest request;
+        v1::SessionReply reply;
+        bool is_answered = false;
+    };
+
+    Exchange& Enter();
+    void Submit(Exchange& exchange);
+    void Answer(Exchange& exchange, const absl::Status& status);
+    void GoOn();
+    bool IsToRead() const ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+
+    Engine& engine_;
+    SessionList& list_;
+    v1::SessionRequest incoming_;    // used by the read under way
+    absl::Mutex mutex_;
+    std::deque<Exchange> exchanges_ ABSL_GUARDED_BY(mutex_);    // those read and not yet sent, in order
+    bool is_reading_ ABSL_GUARDED_BY(mutex_) = false;    // until the engine has what was read
+    bool is_writing_ ABSL_GUARDED_BY(mutex_) = false;    // the reply of the first exchange
+    bool is_at_end_ ABSL_GUARDED_BY(mutex_) = false;    // nothing more can be read
+    bool is_broken_ ABSL_GUARDED_BY(mutex_) = false;    // nothing more can be written
+    bool is_stopping_ ABSL_GUARDED_BY(mutex_) = false;
+    bool is_finished_ ABSL_GUARDED_BY(mutex_) = false;
+};
+
+// The sessions of a server. It owns them until gRPC is done with them.
+class SessionList {
+public:
+    // Returns a session that has started.
+    Session* Begin(Engine& engine);
+
+    // Ends the sessions, those that begin later as well.
+    void End();
+
+    void Remove(const std::shared_ptr<Session>& session);
+
+private:
+    absl::Mutex mutex_;
+    std::set<std::shared_ptr<Session>> sessions_ ABSL_GUARDED_BY(mutex_);
+    bool is_ended_ ABSL_GUARDED_BY(mutex_) = false;
+};
+
+}    // namespace reservationd

@@ -143,9 +143,8 @@ public:
     explicit LoadClients(const LoadOptions& options) {
         const uint32_t count = options.reservations / options.clients;
         for (uint32_t i = 0; i < options.clients; ++i) {
-            clients_.push_back(
-                std::make_unique<LoadClient>(options.address, options.in_flight,
-                                             MakeReservations(options.others + i * count, count, options.hcas)));
+            clients_.push_back(std::make_unique<LoadClient>(
+                options.address, options.in_flight, MakeReservations(options.others + i * count, count, options.hcas)));
         }
     }
 
@@ -252,8 +251,8 @@ void Measure(const LoadOptions& options, LoadClients& clients, LoadReport& repor
         const Clock::time_point phase_start = Clock::now();
         const auto interval = (phase_start - start) / std::chrono::seconds(options.interval);
         const Clock::time_point interval_end = start + (interval + 1) * std::chrono::seconds(options.interval);
-        Latencies latencies = phases.empty() ? clients.RunMixed(interval_end)
-                                             : clients.RunOnEach(phases[turn % phases.size()]);
+        Latencies latencies =
+            phases.empty() ? clients.RunMixed(interval_end) : clients.RunOnEach(phases[turn % phases.size()]);
         report.Add(Seconds(phase_start - start).count(), Seconds(Clock::now() - phase_start).count(),
                    std::move(latencies));
     }

@@ -3,11 +3,11 @@
 #include <absl/strings/str_cat.h>
 #include <grpcpp/client_context.h>
 #include <grpcpp/completion_queue.h>
-#include <grpcpp/create_channel.h>
 #include <grpcpp/support/async_unary_call.h>
 
 #include <chrono>
 
+#include "client/connection.h"
 #include "reservation/v1/reservation.grpc.pb.h"
 
 namespace load {
@@ -23,10 +23,11 @@ constexpr std::chrono::seconds kCallTimeout{60};
 constexpr uint32_t kPkey = 0x8001;
 
 std::unique_ptr<Stub> Connect(const std::string& address) {
-    grpc::ChannelArguments arguments;
-    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);    // a connection of its own for each client
-    arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
-    return v1::ReservationService::NewStub(grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments));
+    client::ConnectionOptions options;
+    options.addresses = {address};
+    const auto channel = client::MakeChannel(options);
+    if (!channel.ok()) throw LoadError(std::string(channel.status().message()));
+    return v1::ReservationService::NewStub(*channel);
 }
 
 // ---- Requests ----

@@ -1,4 +1,4 @@
-// The options of reservation-replay.
+// Parses the options of reservation-replay and runs it.
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -6,18 +6,22 @@
 #include <set>
 #include <string>
 
-#include "replay/file.h"
-#include "replay/report/terminal.h"
+#include "replay/input_error.h"
 #include "replay/run/run_replay.h"
+#include "replay/terminal.h"
+#include "util/limits.h"
 
 namespace {
+
+using namespace replay;
 
 constexpr const char* kSettingsGroup = "Settings";
 
 constexpr const char* kDescription =
     "Replays a job trace in the Standard Workload Format through the reservation manager.\n"
-    "Each job takes the lowest free HCAs, first come first served; its owner's reservation grows by them when the job\n"
-    "starts and shrinks when it ends. The report goes to standard output.";
+    "Each job takes the lowest free HCAs, first come first served. A tenant (--per) has a reservation of the HCAs of "
+    "its\n"
+    "running jobs: it grows when a job starts and shrinks when a job ends. The report goes to standard output.";
 
 constexpr const char* kFooter =
     "Exit status: 0 when all went as it must, 1 when something is left or went wrong, 2 when the trace, an option or\n"
@@ -28,13 +32,13 @@ constexpr const char* kFooter =
     "  reservation-replay --persistent-dir state --stop-after 800 examples/nasa-ipsc-1993-week.swf\n"
     "  reservation-replay --persistent-dir state --resume examples/nasa-ipsc-1993-week.swf";
 
-// Accepts whole numbers from `low` to `high`. The option's help tells them.
+// Accepts whole numbers from `low` to `high`, which the option's help names.
 template <typename Number>
 CLI::Validator Between(Number low, Number high) {
     return CLI::Range(low, high).description("");
 }
 
-void AddSettings(CLI::App& app, Settings& settings) {
+void AddSettings(CLI::App& app, ReplaySettings& settings) {
     const auto add_number = [&app](const char* name, auto& value, const char* help, const CLI::Validator& range) {
         app.add_option(name, value, help)->check(range)->type_name("N")->group(kSettingsGroup);
     };
@@ -44,24 +48,26 @@ void AddSettings(CLI::App& app, Settings& settings) {
                Between(1u, kMaxHcas));
     add_number("--procs-per-hca", settings.procs_per_hca,
                "processors of the trace behind one HCA, 1 to 1000000; default: 1", Between(1u, 1'000'000u));
-    app.add_option("--per", settings.per, "whose a reservation is: user (default), group or job")
+    app.add_option("--per", settings.per, "who is a tenant: each user (default), group or job of the trace")
         ->check(CLI::IsMember({"user", "group", "job"}).description(""))
-        ->type_name("OWNER")
+        ->type_name("TENANT")
         ->group(kSettingsGroup);
     app.add_flag("--auto-by-pkeys", settings.auto_by_pkeys,
                  "leave the reservations to the manager: ports only report the pkeys of the jobs on them")
         ->group(kSettingsGroup);
-    add_number("--planes", settings.planes, "planes of a job's trees, 1 to 255; default: 1", Between(1u, 255u));
-    add_number("--trees", settings.trees, "trees of a job in each plane, 1 to 255; default: 1", Between(1u, 255u));
+    add_number("--planes", settings.planes, "planes of a job's trees, 1 to 255; default: 1",
+               Between(1u, util::kMaxPlanes));
+    add_number("--trees", settings.trees, "trees of a job in each plane, 1 to 255; default: 1",
+               Between(1u, util::kMaxTrees));
     add_number("--num-trees", settings.num_trees,
-               "trees that the jobs of a reservation may use together in each plane, 0 to 4294967295, the last one\n"
-               "and the default: not given",
-               Between(0u, VESK_LIMIT_NOT_GIVEN));
+               "trees that a reservation's jobs may use together in each plane, 0 to 24575; 24575 means no limit;\n"
+               "default: as --default-num-trees",
+               Between(0u, util::kNoTreesLimit));
     add_number("--default-num-trees", settings.default_num_trees,
-               "the same for reservations that give no --num-trees, as the automatic ones",
-               Between(0u, VESK_LIMIT_NOT_GIVEN));
+               "the same for reservations that are given no --num-trees, and for automatic ones; default: no limit",
+               Between(0u, util::kNoTreesLimit));
     add_number("--max-jobs-per-hca", settings.max_jobs_per_hca,
-               "most jobs on one HCA, 0 to 65535; default: 0, no limit", Between(0u, 0xffffu));
+               "jobs that may run on one HCA at once, 1 to 65535; default: 0, no limit", Between(0u, 0xffffu));
     add_number("--log-level", settings.log_level, "most verbose level of the log records to count, 1 to 5; default: 3",
                Between(1, 5));
 }
@@ -87,13 +93,14 @@ void AddRunOptions(CLI::App& app, RunOptions& options) {
         ->needs(dir);
 }
 
-void AddConnectOptions(CLI::App& app, Connection& connection) {
+void AddConnectOptions(CLI::App& app, ConnectOptions& connection) {
     if (!kCanConnect) return;
-    CLI::Option* connect = app.add_option("--connect", connection.address,
-                                          "replay through the daemon at this address, unix:PATH or host:port; it must "
-                                          "have no\nreservations, and its own options hold")
-                               ->type_name("ADDRESS")
-                               ->check([](const std::string& address) { return address.empty() ? "is empty" : ""; });
+    CLI::Option* connect =
+        app.add_option("--connect", connection.address,
+                       "replay through the daemon at this address, unix:PATH or host:port; it must have\n"
+                       "no reservations, and its own options hold")
+            ->type_name("ADDRESS")
+            ->check([](const std::string& address) { return address.empty() ? "is empty" : ""; });
     for (const char* option :
          {"--persistent-dir", "--stop-after", "--resume", "--log-level", "--default-num-trees", "--max-jobs-per-hca"}) {
         connect->excludes(app.get_option(option));
@@ -102,15 +109,16 @@ void AddConnectOptions(CLI::App& app, Connection& connection) {
         return app.add_option(name, value, help)->needs(connect);
     };
     add("--clients", connection.clients,
-        "connections that owners' operations go through at once, 1 to 1024; default: 1")
+        "connections that work at once, each for one tenant at a time, 1 to 1024; default: 1")
         ->check(Between(1u, 1024u))
         ->type_name("N");
-    add("--tls-ca", connection.tls_ca, "PEM file: what signs the daemon's certificate")->type_name("FILE");
+    add("--tls-ca", connection.tls_ca, "PEM file: the authority that signed the daemon's certificate")
+        ->type_name("FILE");
     add("--tls-cert", connection.tls_certificate, "PEM file: the certificate to show to the daemon")->type_name("FILE");
     add("--tls-key", connection.tls_key, "PEM file: the key of that certificate")->type_name("FILE");
 }
 
-// The names of the settings that the user gave, as Settings names them.
+// The names of the settings on the command line, as ReplaySettings names them.
 std::set<std::string> GivenSettings(const CLI::App& app) {
     std::set<std::string> names;
     for (const CLI::Option* option : app.get_options()) {

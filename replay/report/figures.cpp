@@ -1,5 +1,7 @@
 #include "replay/report/figures.h"
 
+namespace replay {
+
 namespace {
 
 uint64_t Sum(const std::map<std::string, uint64_t>& counts) {
@@ -10,31 +12,24 @@ uint64_t Sum(const std::map<std::string, uint64_t>& counts) {
 
 }    // namespace
 
-uint64_t Figures::Refused() const { return Sum(refused); }
+uint64_t Figures::NumRefused() const { return Sum(refused); }
 
-uint64_t Figures::Operations() const {
+uint64_t Figures::NumOperations() const {
     uint64_t sum = 0;
     for (const auto& [kind, by_status] : operations) sum += Sum(by_status);
     return sum;
 }
 
-uint64_t CountOf(const Figures& figures, const std::string& kind) {
-    const auto found = figures.operations.find(kind);
-    return found == figures.operations.end() ? 0 : Sum(found->second);
+uint64_t Figures::NumOperations(const std::string& kind) const {
+    const auto by_status = operations.find(kind);
+    return by_status == operations.end() ? 0 : Sum(by_status->second);
 }
 
-uint64_t FailuresOf(const Figures& figures, const std::string& kind) {
-    const auto found = figures.operations.find(kind);
-    if (found == figures.operations.end()) return 0;
-    const auto success = found->second.find("success");
-    return Sum(found->second) - (success == found->second.end() ? 0 : success->second);
+uint64_t Figures::NumFailures(const std::string& kind) const {
+    const auto by_status = operations.find(kind);
+    if (by_status == operations.end()) return 0;
+    const auto success = by_status->second.find("success");
+    return Sum(by_status->second) - (success == by_status->second.end() ? 0 : success->second);
 }
 
-Figures FiguresOf(const Workload& workload) {
-    Figures figures;
-    figures.too_wide = workload.too_wide;
-    figures.without_run_time = workload.without_run_time;
-    figures.without_procs = workload.without_procs;
-    figures.jobs_in_trace = workload.jobs.size() + figures.too_wide + figures.without_run_time + figures.without_procs;
-    return figures;
-}
+}    // namespace replay

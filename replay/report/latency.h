@@ -6,10 +6,12 @@
 #include <string>
 #include <vector>
 
-// Of each operation, by its kind, in seconds.
+namespace replay {
+
+// Of each operation, in seconds, by its kind as in Figures::operations.
 using Latencies = std::map<std::string, std::vector<double>>;
 
-// Percentiles: so many of a hundred operations took at most so long.
+// The smallest latency that is not exceeded in 50, 90, 99 and 100 % of the operations.
 struct LatencySummary {
     double p50 = 0;
     double p90 = 0;
@@ -17,5 +19,7 @@ struct LatencySummary {
     double max = 0;
 };
 
-// `latencies` are those of at least one operation, in any order. The result has their unit.
+// In the unit of `latencies`. REQUIRES: at least one.
 LatencySummary Summarize(std::vector<double> latencies);
+
+}    // namespace replay

@@ -7,30 +7,37 @@
 #include <string>
 #include <vector>
 
+#include "replay/report/figures.h"
 #include "replay/report/latency.h"
-#include "replay/run/recorder.h"
-#include "replay/run/replay_state.h"
 #include "replay/settings.h"
+#include "replay/target/manager_observer.h"
+
+namespace replay {
 
 struct Report {
     std::string trace_name;
-    const Settings& settings;
-    const ReplayState& state;
+    const ReplaySettings& settings;
+    const Figures& figures;
     const Latencies& latencies;
     std::string daemon_address{};    // empty: in this process
-    uint32_t num_clients = 1;
-    Recorded start_up{};    // in this process; a daemon tells nothing of its log
-    Recorded replay;
-    bool is_finished = false;    // rather than stopped with jobs running
-    std::vector<std::string> failed_checks;    // of a finished one
+    uint32_t num_clients = 1;    // of the daemon
+    ManagerCounters start_up{};    // in this process only
+    ManagerCounters replay;
+
+    bool is_finished = false;    // false: stopped with jobs running
+    uint64_t num_running = 0;    // jobs
+    uint64_t num_waiting = 0;    // jobs
+    std::vector<std::string> failed_checks;    // of a finished replay
 };
 
 // "128 HCAs, a reservation per user".
-std::string DescribeSetting(const Settings& settings);
+std::string DescribeSettings(const ReplaySettings& settings);
 
 // For people: aligned text that ends in a newline.
 std::string ReportText(const Report& report);
 
-// For programs. Everything but "start_up" and "timing" is the same for the same trace and settings, however often the
-// replay was stopped and resumed on its way.
+// For programs. All but "start_up" and "timing" depends on the trace and the settings alone, however often the replay
+// was stopped and resumed.
 nlohmann::json ReportJson(const Report& report);
+
+}    // namespace replay

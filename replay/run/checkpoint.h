@@ -1,33 +1,32 @@
-// A stopped replay in its persistent directory: all that the daemon and the replay know, but for the reservations,
-// which are in files of their own.
+// A stopped replay in its persistent directory: all that is needed to go on, except the reservations, which are in
+// files of their own.
 
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <cstdint>
 #include <string>
 
-#include "replay/run/recorder.h"
 #include "replay/run/replay_state.h"
 #include "replay/settings.h"
+#include "replay/target/manager_observer.h"
+
+namespace replay {
 
 struct Checkpoint {
-    Settings settings;
-    uint64_t trace_size = 0;
-    uint64_t trace_hash = 0;
-    Recorded recorded;
+    ReplaySettings settings;
+    uint64_t trace_size = 0;    // bytes
+    uint64_t trace_hash = 0;    // SwfTrace::hash
+    ManagerCounters counters;
     ReplayState state;
 };
 
 // Where the checkpoint of a persistent directory is.
 std::string CheckpointPath(const std::string& dir);
 
-// Writes the checkpoint, whole or not at all. Throws std::runtime_error.
+// Writes the checkpoint, all of it or none. Throws std::runtime_error.
 void WriteCheckpoint(const std::string& dir, const Checkpoint& checkpoint);
 
-// Throws InputError when there is none, or it is damaged.
+// Throws InputError when there is no checkpoint, or it is damaged.
 Checkpoint ReadCheckpoint(const std::string& dir);
 
-// As a checkpoint and a report hold them.
-nlohmann::json ToJson(const Settings& settings);
-nlohmann::json ToJson(const Figures& figures);
-nlohmann::json ToJson(const Recorded& recorded);
+}    // namespace replay

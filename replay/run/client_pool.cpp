@@ -2,7 +2,9 @@
 
 #include <utility>
 
-ClientPool::ClientPool(const std::vector<ReservationService*>& clients) : first_client_(*clients.front()) {
+namespace replay {
+
+ClientPool::ClientPool(const std::vector<TargetClient*>& clients) : first_client_(*clients.front()) {
     for (size_t i = 1; i < clients.size(); ++i) {
         threads_.emplace_back([this, client = clients[i]] { Work(*client); });
     }
@@ -27,7 +29,7 @@ void ClientPool::Run(std::vector<Task> tasks) {
     if (error_ != nullptr) std::rethrow_exception(std::exchange(error_, nullptr));
 }
 
-void ClientPool::Work(ReservationService& client) {
+void ClientPool::Work(TargetClient& client) {
     std::unique_lock lock(mutex_);
     while (!is_ending_) {
         RunTasks(client, lock);
@@ -35,8 +37,8 @@ void ClientPool::Work(ReservationService& client) {
     }
 }
 
-// Runs tasks until none is left to begin. The lock is held, but not while a task runs.
-void ClientPool::RunTasks(ReservationService& client, std::unique_lock<std::mutex>& lock) {
+// Runs tasks until none is left to start. REQUIRES: the lock is held; it is released while a task runs.
+void ClientPool::RunTasks(TargetClient& client, std::unique_lock<std::mutex>& lock) {
     while (next_task_ < tasks_.size()) {
         const Task& task = tasks_[next_task_++];
         ++num_running_;
@@ -53,3 +55,5 @@ void ClientPool::RunTasks(ReservationService& client, std::unique_lock<std::mute
         if (--num_running_ == 0) done_.notify_one();
     }
 }
+
+}    // namespace replay

@@ -1,4 +1,4 @@
-// What must be true when a replay is over.
+// What must hold when a replay is finished.
 
 #pragma once
 
@@ -6,7 +6,11 @@
 #include <vector>
 
 #include "replay/run/replay_state.h"
-#include "replay/target/replay_target.h"
+#include "replay/target/target.h"
 
-// The checks that fail after the last job ended, a line each.
-std::vector<std::string> FailedChecks(const ReplayState& state, const ReplayTarget& target);
+namespace replay {
+
+// A line for each check that fails. Throws as Target::FailedChecks().
+std::vector<std::string> FailedChecks(const ReplayState& state, const Target& target);
+
+}    // namespace replay

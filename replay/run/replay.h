@@ -1,81 +1,86 @@
-// Runs a workload through a reservation service: jobs start and end at the times of their trace, and their owners'
-// reservations grow and shrink with them.
+// Runs a workload through a reservation manager: jobs start and end at the times of their trace, and the reservations
+// of their tenants grow and shrink with them.
 
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "replay/report/latency.h"
 #include "replay/run/client_pool.h"
-#include "replay/run/owner_session.h"
 #include "replay/run/replay_state.h"
+#include "replay/run/tenant_driver.h"
 #include "replay/settings.h"
-#include "replay/target/reservation_service.h"
+#include "replay/target/target_client.h"
 #include "replay/trace/workload.h"
 
-// At each moment of the trace first the jobs that end, then those that start, go to the clients: the jobs of one owner
-// in order to one of them, those of different owners at once. So the figures do not depend on how many clients there
-// are, and HCAs are given back before they are taken again.
+namespace replay {
+
+// At each moment of the trace, the clients first end jobs, then start jobs: those of one tenant in order by one client,
+// those of different tenants at once. So the figures do not depend on the number of clients, and HCAs are free before
+// they are used again.
 class Replay {
 public:
-    // Called with the jobs that have started or been refused, and the time in the trace.
+    // Called with the number of jobs that were started or refused, and the time in the trace in seconds.
     using Progress = std::function<void(size_t, int64_t)>;
 
-    // The workload, the settings and the clients, at least one, must outlive the replay. `state` belongs to the same
-    // workload and settings; what it has running is running in the service.
-    Replay(const Workload& workload, const Settings& settings, const std::vector<ReservationService*>& clients,
+    // Goes on from `state`. REQUIRES: at least one client; workload, settings and clients outlive the replay; the state
+    // is of this workload and these settings, and its running jobs run in the manager.
+    Replay(const Workload& workload, const ReplaySettings& settings, const std::vector<TargetClient*>& clients,
            ReplayState state);
 
     // A replay from the start.
-    Replay(const Workload& workload, const Settings& settings, const std::vector<ReservationService*>& clients);
+    Replay(const Workload& workload, const ReplaySettings& settings, const std::vector<TargetClient*>& clients);
 
-    // Goes on until all jobs have ended, and returns true. With `stop_after` other than 0 it returns false as soon as
-    // that many jobs have started or been refused, if one is running then, and may be called again. Throws what the
-    // service throws; the replay cannot go on then.
+    // Returns true when all jobs have ended. With a `stop_after` that is not 0, returns false as soon as that many jobs
+    // were started or refused and one is running; call it again to go on. Throws what the clients throw; then the
+    // replay cannot go on.
     bool Run(uint64_t stop_after, const Progress& progress);
 
     const ReplayState& state() const { return state_; }
 
-    // Of the operations that this object carried out.
+    // Of the operations that this object carried out, not of those before `state`.
     const Latencies& latencies() const { return latencies_; }
 
-    // The jobs of a stopped replay, for the service that is to take them back.
+    // For a manager that starts again, to count them.
     std::vector<StoredJob> RunningJobs() const;
 
 private:
     struct StartingJob : RunningJob {
         int64_t run_time = 0;
-        std::string refusal;    // why it was refused; empty: it was not
+        std::optional<std::string> refusal;    // why it was refused, when it was
     };
 
     bool RunUntil(uint64_t stop_after, const Progress& progress);
     bool StartWaitingJobs(uint64_t stop_after);
-    bool GoToNextChange();
-    std::vector<StartingJob> TakeFittingJobs(size_t most);
-    StartingJob Equip(const WorkloadJob& job);
-    void GiveBack(const RunningJob& job);
+    bool AdvanceToNextChange();
+    std::vector<StartingJob> DequeueFittingJobs(size_t most);
+    StartingJob AssignResources(const WorkloadJob& job);
+    void ReturnResources(const RunningJob& job);
     void StartJobs(std::vector<StartingJob> jobs);
     void EndJobs();
 
     template <typename Job, typename Action>
-    void RunByOwner(std::vector<Job>& jobs, const Action& act);
+    void RunByTenant(std::vector<Job>& jobs, const Action& act);
 
-    void Count(const std::vector<Operation>& operations);
-    void NoteWait(const WorkloadJob& job);
+    void Count(const std::vector<TimedOperation>& operations);
+    void CountWait(const WorkloadJob& job);
     Usage CurrentUsage() const;
-    void NoteUsage();
-    void NotePeaks();
+    void AppendUsage();
+    void UpdatePeaks();
 
     const Workload& workload_;
-    const Settings& settings_;
+    const ReplaySettings& settings_;
     ClientPool clients_;
     ReplayState state_;
     Latencies latencies_;
     std::set<uint32_t> free_hcas_;
     std::set<uint16_t> free_pkeys_;
 };
+
+}    // namespace replay

@@ -7,25 +7,29 @@
 #include <string>
 
 #include "host/option_info.h"
-#include "replay/target/replay_target.h"
+#include "replay/target/target.h"
 
-struct Connection {
-    std::string address;    // "unix:PATH", or "host:port" with mutual TLS; empty: none
+namespace replay {
+
+struct ConnectOptions {
+    std::string address;    // unix:PATH, or host:port with mutual TLS; empty: no daemon
     std::string tls_ca;    // paths of PEM files; empty: not given
     std::string tls_certificate;
     std::string tls_key;
     uint32_t clients = 1;    // connections, at least 1
 };
 
-class DaemonTarget : public ReplayTarget {
+class DaemonTarget : public Target {
 public:
     // The daemon's own, as far as it tells them.
     virtual const OptionInfo& options() const = 0;
 };
 
-// Whether this program is built to connect to a daemon at all.
+// Whether this program is built with gRPC.
 extern const bool kCanConnect;
 
-// Connects to a daemon that has no reservations and no jobs. Throws InputError, which names the address, the option or
-// the file at fault, when that cannot be done, or there is something already.
-std::unique_ptr<DaemonTarget> ConnectToDaemon(const Connection& connection);
+// Connects to a daemon. Throws InputError, which names the address, option or file at fault, when that fails, when
+// reservation mode is off, and when the daemon has reservations or jobs.
+std::unique_ptr<DaemonTarget> ConnectToDaemon(const ConnectOptions& options);
+
+}    // namespace replay

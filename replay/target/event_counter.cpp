@@ -1,26 +1,33 @@
 #include "replay/target/event_counter.h"
 
-#include "replay/report/terminal.h"
+#include <absl/strings/str_cat.h>
 
-namespace v1 = reservation::v1;
+#include "replay/terminal.h"
 
-EventCounter::EventCounter(const GrpcService& service, uint64_t last_sequence)
-    : service_(service), last_sequence_(last_sequence), thread_([this] { Read(); }) {}
+namespace replay {
+
+namespace v1 = client::v1;
+
+EventCounter::EventCounter(const DaemonClient& client, uint64_t last_sequence)
+    : client_(client),
+      stream_(client.Watch(last_sequence + 1)),
+      last_sequence_(last_sequence),
+      thread_([this] { ReadAll(); }) {}
 
 EventCounter::~EventCounter() {
-    context_.TryCancel();
+    stream_->Cancel();
     thread_.join();
 }
 
 void EventCounter::WaitFor(uint64_t sequence) {
     std::unique_lock lock(mutex_);
-    change_.wait(lock, [&] { return is_over_ || last_sequence_ >= sequence; });
-    if (last_sequence_ < sequence) throw service_.ErrorOf(status_);
+    change_.wait(lock, [&] { return !status_.ok() || last_sequence_ >= sequence; });
+    if (last_sequence_ < sequence) throw client_.ErrorFor(status_);
 }
 
-Recorded EventCounter::recorded() const {
+ManagerCounters EventCounter::counters() const {
     const std::lock_guard lock(mutex_);
-    return recorded_;
+    return counters_;
 }
 
 uint64_t EventCounter::num_ended_jobs() const {
@@ -28,16 +35,13 @@ uint64_t EventCounter::num_ended_jobs() const {
     return num_ended_jobs_;
 }
 
-void EventCounter::Read() {
-    v1::WatchRequest request;
-    request.set_from_sequence(last_sequence_ + 1);
-    const auto reader = service_.stub().Watch(&context_, request);
-    for (v1::Event event; reader->Read(&event);) {
-        if (event.kind() != v1::Event::KIND_NONE) Count(event);
+void EventCounter::ReadAll() {
+    absl::StatusOr<v1::Event> event = stream_->Next();
+    for (; event.ok(); event = stream_->Next()) {
+        if (event->kind() != v1::Event::KIND_NONE) Count(*event);
     }
     const std::lock_guard lock(mutex_);
-    status_ = reader->Finish();
-    is_over_ = true;
+    status_ = event.status();
     change_.notify_all();
 }
 
@@ -45,16 +49,16 @@ void EventCounter::Count(const v1::Event& event) {
     const std::lock_guard lock(mutex_);
     switch (event.kind()) {
         case v1::Event::KIND_RESERVATION_CREATED:
-            ++recorded_.created_events;
+            ++counters_.reservations_created;
             break;
         case v1::Event::KIND_RESERVATION_UPDATED:
-            ++recorded_.updated_events;
+            ++counters_.reservations_updated;
             break;
         case v1::Event::KIND_RESERVATION_REMOVED:
-            ++recorded_.removed_events;
+            ++counters_.reservations_removed;
             break;
         case v1::Event::KIND_JOB_ERROR:
-            PrintMessage("job " + std::to_string(event.job_id()) + " lost its reservation");
+            PrintMessage(absl::StrCat("job ", event.job_id(), " lost its reservation"));
             break;
         case v1::Event::KIND_JOB_END:
             ++num_ended_jobs_;
@@ -65,3 +69,5 @@ void EventCounter::Count(const v1::Event& event) {
     last_sequence_ = event.sequence();
     change_.notify_all();
 }
+
+}    // namespace replay

@@ -2,45 +2,51 @@
 
 #pragma once
 
-#include <grpcpp/client_context.h>
+#include <absl/status/status.h>
 
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <thread>
 
-#include "replay/run/recorder.h"
-#include "replay/target/grpc_service.h"
+#include "client/client.h"
+#include "replay/target/daemon_client.h"
+#include "replay/target/manager_observer.h"
+
+namespace replay {
 
 class EventCounter {
 public:
-    // Counts the events after the one with this number. The service must outlive the counter.
-    EventCounter(const GrpcService& service, uint64_t last_sequence);
+    // Counts the events after the one with this number. The client must outlive the counter.
+    EventCounter(const DaemonClient& client, uint64_t last_sequence);
     EventCounter(const EventCounter&) = delete;
     EventCounter& operator=(const EventCounter&) = delete;
     ~EventCounter();
 
-    // Waits until the event with this number has been counted. Throws CallError when it will not be.
+    // Waits until the event with this number has been counted. Throws as a call of the client when the daemon stops or
+    // is gone before.
     void WaitFor(uint64_t sequence);
 
-    // What has been counted so far; of the log nothing is known.
-    Recorded recorded() const;
+    // What has been counted so far: the events of reservations, and the jobs that the manager ended.
+    ManagerCounters counters() const;
     uint64_t num_ended_jobs() const;
 
 private:
-    void Read();
-    void Count(const reservation::v1::Event& event);
+    void ReadAll();
+    void Count(const client::v1::Event& event);
 
-    const GrpcService& service_;
-    grpc::ClientContext context_;
+    const DaemonClient& client_;
+    const std::unique_ptr<client::EventStream> stream_;
 
     mutable std::mutex mutex_;    // guards what follows
     std::condition_variable change_;
-    Recorded recorded_;
+    ManagerCounters counters_;
     uint64_t num_ended_jobs_ = 0;
     uint64_t last_sequence_;
-    bool is_over_ = false;
-    grpc::Status status_;    // when it is over
+    absl::Status status_;    // not OK: the stream ended with it
 
     std::thread thread_;    // last: it uses all of the above
 };
+
+}    // namespace replay

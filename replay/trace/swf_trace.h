@@ -1,4 +1,4 @@
-// Job traces in the Standard Workload Format: one job of 18 numbers a line, and lines of remarks that begin with ';'.
+// Job traces in the Standard Workload Format: a line of 18 numbers for each job, and comment lines that begin with ';'.
 
 #pragma once
 
@@ -6,12 +6,14 @@
 #include <string>
 #include <vector>
 
-// What the replay needs of a job. Times are in seconds; -1 stands for unknown everywhere. Decimal numbers are rounded.
+namespace replay {
+
+// The fields of a job that the replay needs, rounded to whole numbers. -1: unknown.
 struct SwfJob {
     int64_t number;
-    int64_t submit_time;    // since the start of the trace
-    int64_t wait_time;
-    int64_t run_time;
+    int64_t submit_time;    // seconds since the start of the trace
+    int64_t wait_time;    // seconds
+    int64_t run_time;    // seconds
     int64_t allocated_procs;
     int64_t requested_procs;
     int64_t user;
@@ -19,14 +21,16 @@ struct SwfJob {
 };
 
 struct SwfTrace {
-    std::string name;    // of the file, without its directory
-    uint64_t size = 0;    // of the file, in bytes
+    std::string name;    // the file's, without its directory
+    uint64_t size = 0;    // of the file, bytes
     uint64_t hash = 0;    // HashBytes() of the file
-    int64_t max_nodes = 0;    // from the header; 0 when it does not tell
-    int64_t max_procs = 0;
+    int64_t max_nodes = 0;    // header field MaxNodes; 0: not given
+    int64_t max_procs = 0;    // header field MaxProcs; 0: not given
     std::vector<SwfJob> jobs;    // in the order of the file
 };
 
-// Reads the whole trace. Throws InputError, which names the file and the line, when a line of a job is not 18 numbers,
-// and when there is no job at all.
+// Throws InputError, which names the file and the line, when the file cannot be read, a job's line is not 18 numbers,
+// or there is no job.
 SwfTrace ReadSwfTrace(const std::string& path);
+
+}    // namespace replay

@@ -1,9 +1,13 @@
 #include "replay/trace/workload.h"
 
+#include <absl/strings/str_cat.h>
+
 #include <algorithm>
 #include <unordered_set>
 
-#include "replay/file.h"
+#include "replay/input_error.h"
+
+namespace replay {
 
 namespace {
 
@@ -11,13 +15,13 @@ int64_t ProcsOf(const SwfJob& job) { return job.allocated_procs > 0 ? job.alloca
 
 int64_t HcasFor(int64_t procs, uint32_t procs_per_hca) { return (procs + procs_per_hca - 1) / procs_per_hca; }
 
-std::string OwnerOf(const std::string& per, const SwfJob& job, uint64_t id) {
-    if (per == "job") return "job_" + std::to_string(id);
+std::string TenantOf(const std::string& per, const SwfJob& job, uint64_t id) {
+    if (per == "job") return absl::StrCat("job_", id);
     const int64_t number = per == "group" ? job.group : job.user;
-    return per + "_" + (number < 0 ? "unknown" : std::to_string(number));
+    return number < 0 ? per + "_unknown" : absl::StrCat(per, "_", number);
 }
 
-// Hands out the trace's job numbers, each once.
+// Gives each job an id of its own: its number where that is possible.
 class JobIds {
 public:
     explicit JobIds(const SwfTrace& trace) {
@@ -25,8 +29,8 @@ public:
     }
 
     uint64_t IdFor(const SwfJob& job) {
-        const bool usable = job.number > 0 && taken_.insert(job.number).second;
-        return static_cast<uint64_t>(usable ? job.number : ++last_);
+        const bool is_usable = job.number > 0 && taken_.insert(job.number).second;
+        return static_cast<uint64_t>(is_usable ? job.number : ++last_);
     }
 
 private:
@@ -42,13 +46,13 @@ uint32_t HcasOfTrace(const SwfTrace& trace, uint32_t procs_per_hca) {
         for (const SwfJob& job : trace.jobs) hcas = std::max(hcas, HcasFor(ProcsOf(job), procs_per_hca));
     }
     if (hcas < 1 || hcas > kMaxHcas) {
-        throw InputError(trace.name + ": its machine has " + std::to_string(hcas) + " HCAs, not 1 to " +
-                         std::to_string(kMaxHcas) + "; give --hcas");
+        throw InputError(
+            absl::StrCat(trace.name, ": its machine has ", hcas, " HCAs, not 1 to ", kMaxHcas, "; give --hcas"));
     }
     return static_cast<uint32_t>(hcas);
 }
 
-Workload MakeWorkload(const SwfTrace& trace, const Settings& settings) {
+Workload MakeWorkload(const SwfTrace& trace, const ReplaySettings& settings) {
     Workload workload;
     JobIds ids(trace);
     for (const SwfJob& job : trace.jobs) {
@@ -66,10 +70,12 @@ Workload MakeWorkload(const SwfTrace& trace, const Settings& settings) {
                  .arrival = std::max<int64_t>(job.submit_time, 0) + std::max<int64_t>(job.wait_time, 0),
                  .run_time = job.run_time,
                  .hcas = static_cast<uint32_t>(hcas),
-                 .owner = OwnerOf(settings.per, job, id)});
+                 .tenant = TenantOf(settings.per, job, id)});
         }
     }
     std::stable_sort(workload.jobs.begin(), workload.jobs.end(),
                      [](const WorkloadJob& a, const WorkloadJob& b) { return a.arrival < b.arrival; });
     return workload;
 }
+
+}    // namespace replay

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <string>
 
-#include "replay/file.h"
+#include "replay/input_error.h"
 #include "replay/trace/swf_trace.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -16,8 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::FILE* const file = std::fopen(path.c_str(), "wb");
     if (file == nullptr || std::fwrite(data, 1, size, file) != size || std::fclose(file) != 0) std::abort();
     try {
-        if (ReadSwfTrace(path).jobs.empty()) std::abort();
-    } catch (const InputError& error) {
+        if (replay::ReadSwfTrace(path).jobs.empty()) std::abort();
+    } catch (const replay::InputError& error) {
         if (std::string(error.what()).find(path) == std::string::npos) std::abort();
     }
     return 0;

@@ -460,7 +460,7 @@ protected:
     // What is known of a replay in this process and through a daemon alike.
     static Json Figures(const std::string& output) {
         Json figures = Json::parse(output);
-        for (const char* other : {"timing", "start_up", "records", "daemon"}) figures.erase(other);
+        for (const char* other : {"timing", "start_up", "log_records", "daemon"}) figures.erase(other);
         figures["settings"].erase("log_level");
         return figures;
     }

@@ -7,14 +7,15 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "replay/file.h"
+#include "replay/input_error.h"
 #include "replay/run/closing_checks.h"
-#include "replay/target/in_process_service.h"
+#include "replay/target/in_process_target.h"
 #include "replay/trace/swf_trace.h"
 #include "tests/files.h"
 
 namespace {
 
+using namespace replay;
 using nlohmann::json;
 
 // A trace line: what the replay does not read is -1.
@@ -38,7 +39,7 @@ protected:
 
     // The first jobs of the trace that comes with the program, as start.swf.
     void WriteStartOfExampleTrace() const {
-        const std::string trace = ReadFile(EXAMPLE_TRACE).substr(0, 40000);
+        const std::string trace = Content(EXAMPLE_TRACE).substr(0, 16000);
         WriteFile("start.swf", trace.substr(0, trace.rfind('\n')));
     }
 
@@ -46,27 +47,25 @@ protected:
     int RunProgram(const std::string& arguments) {
         const std::string command = "cd " + dir_ + " && TMPDIR=" + dir_ + " " REPLAY_PROGRAM " " + arguments;
         const int status = std::system((command + " > output 2> errors").c_str());
-        output_ = ReadFile(Path("output"));
-        errors_ = ReadFile(Path("errors"));
+        output_ = Content(Path("output"));
+        errors_ = Content(Path("errors"));
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
     // The JSON report, without what may differ between a replay and one that was stopped on its way.
     json ReportedFigures() const {
         json report = json::parse(output_);
-        report.erase("start_up");
-        report.erase("timing");
+        for (const char* other : {"start_up", "timing"}) report.erase(other);
         return report;
     }
 
     const TemporaryDirectory directory_;
     const std::string& dir_ = directory_.path();
-    std::string output_;
-    std::string errors_;
+    std::string output_, errors_;
 };
 
 // Notes what it is asked, and refuses the jobs that it is told to.
-class NotingService : public ReservationService {
+class ScriptedClient : public TargetClient {
 public:
     std::vector<std::string> calls;
     std::set<uint64_t> jobs_to_refuse;
@@ -79,7 +78,7 @@ public:
         return Note("update " + key + " +" + Hcas(added) + " -" + Hcas(removed));
     }
     uint32_t DeleteReservation(const std::string& key) override { return Note("delete " + key); }
-    JobVerdict BeginJob(const JobRequest& job) override {
+    BeginJobResult BeginJob(const JobRequest& job) override {
         Note("begin " + std::to_string(job.job_id) + " " + job.reservation_key);
         return {.status = jobs_to_refuse.contains(job.job_id) ? kLimitsExceeded : 0};
     }
@@ -114,7 +113,7 @@ TEST_F(ReplayTest, DamagedTraceIsRefusedWithItsLine) {
     EXPECT_EQ(error_of(job + "1 2x 3"), "t.swf:2: field 2 is not a number: '2x'");
     EXPECT_EQ(error_of("nan" + job.substr(1)), "t.swf:1: field 1 is not a number: 'nan'");
     EXPECT_EQ(error_of("1e99" + job.substr(1)), "t.swf:1: field 1 is not a number: '1e99'");
-    EXPECT_EQ(error_of("; MaxNodes: 8\n"), "t.swf: there is no job in it");
+    EXPECT_EQ(error_of("; MaxNodes: 8\n"), "t.swf: has no job");
     EXPECT_EQ(error_of("; MaxProcs: many\r\n \r\n" + job.substr(0, job.size() - 3) + "-1.5\r\n"), "none");
     EXPECT_THROW(ReadSwfTrace(dir_), InputError);
 }
@@ -136,14 +135,14 @@ TEST_F(ReplayTest, WorkloadLeavesOutWhatCannotRun) {
     EXPECT_EQ(workload.without_run_time, 1u);
     EXPECT_EQ(workload.without_procs, 1u);
     ASSERT_EQ(workload.jobs.size(), 2u);
-    EXPECT_EQ(workload.jobs[0].owner, "user_2");
+    EXPECT_EQ(workload.jobs[0].tenant, "user_2");
     EXPECT_EQ(workload.jobs[0].arrival, 50);
     EXPECT_EQ(workload.jobs[0].hcas, 3u);
-    EXPECT_EQ(workload.jobs[1].owner, "user_unknown");
+    EXPECT_EQ(workload.jobs[1].tenant, "user_unknown");
     EXPECT_NE(workload.jobs[0].id, workload.jobs[1].id);
 }
 
-// Job 2 waits for job 1, and job 3, though it would fit, for job 2. Job 4 is refused: its owner keeps what job 3 has.
+// Job 2 waits for job 1, and job 3, though it would fit, for job 2. Job 4 is refused: its tenant keeps what job 3 has.
 // Job 5 starts when job 3 ends, on the HCAs and under the pkey that are free again.
 TEST_F(ReplayTest, JobsStartInTheOrderOfTheirArrivalOnTheLowestFreeHcas) {
     const Workload workload{.jobs = {{1, 0, 10, 3, "user_1"},
@@ -151,19 +150,18 @@ TEST_F(ReplayTest, JobsStartInTheOrderOfTheirArrivalOnTheLowestFreeHcas) {
                                      {3, 2, 20, 1, "user_3"},
                                      {4, 3, 9, 1, "user_3"},
                                      {5, 30, 0, 4, "user_4"}}};
-    const Settings settings{.hcas = 4};
-    NotingService service;
-    service.jobs_to_refuse = {4};
-    Replay replay(workload, settings, {&service});
+    const ReplaySettings settings{.hcas = 4};
+    ScriptedClient client;
+    client.jobs_to_refuse = {4};
+    Replay replay(workload, settings, {&client});
     EXPECT_TRUE(replay.Run(0, [](size_t, int64_t) {}));
 
-    EXPECT_EQ(service.calls,
-              (std::vector<std::string>{
-                  "create user_1 1 1 2 3", "begin 1 user_1", "end 1", "delete user_1",    // 0, 10
-                  "create user_2 1 1 2", "begin 2 user_2", "create user_3 2 3", "begin 3 user_3",    // 10
-                  "update user_3 + 4 -", "begin 4 user_3", "update user_3 + - 4",    // 10
-                  "end 2", "delete user_2", "end 3", "delete user_3",    // 15, 30
-                  "create user_4 1 1 2 3 4", "begin 5 user_4", "end 5", "delete user_4"}));    // 30
+    EXPECT_EQ(client.calls, (std::vector<std::string>{
+                                "create user_1 1 1 2 3", "begin 1 user_1", "end 1", "delete user_1",    // 0, 10
+                                "create user_2 1 1 2", "begin 2 user_2", "create user_3 2 3", "begin 3 user_3",    // 10
+                                "update user_3 + 4 -", "begin 4 user_3", "update user_3 + - 4",    // 10
+                                "end 2", "delete user_2", "end 3", "delete user_3",    // 15, 30
+                                "create user_4 1 1 2 3 4", "begin 5 user_4", "end 5", "delete user_4"}));    // 30
     const Figures& figures = replay.state().figures;
     EXPECT_EQ(figures.replayed, 4u);
     EXPECT_EQ(figures.refused, (std::map<std::string, uint64_t>{{"job_start: limits_exceeded", 1}}));
@@ -174,44 +172,45 @@ TEST_F(ReplayTest, JobsStartInTheOrderOfTheirArrivalOnTheLowestFreeHcas) {
     EXPECT_EQ(replay.state().usage.back().hcas, 0u);
 }
 
-TEST_F(ReplayTest, OwnersBeyondThePkeysAreRefused) {
+TEST_F(ReplayTest, TenantsBeyondThePkeysAreRefused) {
     Workload workload;
     for (uint64_t id = 1; id <= 0x8000; ++id) workload.jobs.push_back({id, 0, 1, 1, "job_" + std::to_string(id)});
     workload.jobs.push_back({0x8001, 1, 1, 1, "job_32769"});    // when the pkeys are free again
-    const Settings settings{.hcas = 0x8000};
-    NotingService service;
-    Replay replay(workload, settings, {&service});
+    const ReplaySettings settings{.hcas = 0x8000};
+    ScriptedClient client;
+    Replay replay(workload, settings, {&client});
     EXPECT_TRUE(replay.Run(0, [](size_t, int64_t) {}));
     EXPECT_EQ(replay.state().figures.replayed, 0x7fffu);    // 0x8001 to 0xfffe, and one again
-    EXPECT_EQ(replay.state().figures.refused, (std::map<std::string, uint64_t>{{"no free pkey for another owner", 2}}));
+    EXPECT_EQ(replay.state().figures.refused,
+              (std::map<std::string, uint64_t>{{"no free pkey for another tenant", 2}}));
 }
 
 TEST_F(ReplayTest, ClosingChecksTellWhatIsLeft) {
     OptionInfo options;
     options.persistent_dir = dir_;
     options.reservation_mode = true;
-    InProcessService service(options, 3);
-    EXPECT_TRUE(service.StartUp({}).empty());
+    InProcessTarget target(options, 3);
+    EXPECT_TRUE(target.StartUp({}).empty());
     ReplayState state;
-    EXPECT_TRUE(FailedChecks(state, service).empty());
+    EXPECT_TRUE(FailedChecks(state, target).empty());
 
-    ASSERT_EQ(service.CreateReservation("user_1", 0x8001, {3, 2}, VESK_LIMIT_NOT_GIVEN), VESK_STATUS_SUCCESS);
-    ASSERT_EQ(service.BeginJob({5, "user_1", {2, 3}, 2, 4}).status, 0u);
-    EXPECT_EQ(service.BeginJob({6, "user_2", {2, 3}, 2, 4}).status, VESK_STATUS_NOT_FOUND);
-    EXPECT_EQ(service.DeleteReservation("user_1"), VESK_STATUS_HAS_JOBS);
-    EXPECT_EQ(service.CreateReservation("user_2", 0x8002, {3}, VESK_LIMIT_NOT_GIVEN), VESK_STATUS_GUID_RESERVED);
+    ASSERT_EQ(target.CreateReservation("user_1", 0x8001, {3, 2}, VESK_LIMIT_NOT_GIVEN), VESK_STATUS_SUCCESS);
+    ASSERT_EQ(target.BeginJob({5, "user_1", {2, 3}, 2, 4}).status, 0u);
+    EXPECT_EQ(target.BeginJob({6, "user_2", {2, 3}, 2, 4}).status, VESK_STATUS_NOT_FOUND);
+    EXPECT_EQ(target.DeleteReservation("user_1"), VESK_STATUS_HAS_JOBS);
+    EXPECT_EQ(target.CreateReservation("user_2", 0x8002, {3}, VESK_LIMIT_NOT_GIVEN), VESK_STATUS_GUID_RESERVED);
     log_send("RESERVE", 1, "", 0, "", "-A- something is wrong");
     EXPECT_EQ(
-        FailedChecks(state, service),
+        FailedChecks(state, target),
         (std::vector<std::string>{"reservation user_1 is left, with 2 HCAs and 1 jobs", "8 trees are still counted",
                                   "2 HCAs are still reserved", "1 reservation ids are still in use", "1 jobs still run",
                                   "file " + dir_ + "/reservation.user_1 is left", "1 level-1 records",
                                   "requests that the fabric counts as failed: 1, not 0"}));
 
-    EXPECT_EQ(service.EndJob(5), VESK_STATUS_SUCCESS);
-    EXPECT_EQ(service.EndJob(5), VESK_STATUS_NOT_FOUND);
-    EXPECT_EQ(service.DeleteReservation("user_1"), VESK_STATUS_SUCCESS);
-    EXPECT_EQ(FailedChecks(state, service),
+    EXPECT_EQ(target.EndJob(5), VESK_STATUS_SUCCESS);
+    EXPECT_EQ(target.EndJob(5), VESK_STATUS_NOT_FOUND);
+    EXPECT_EQ(target.DeleteReservation("user_1"), VESK_STATUS_SUCCESS);
+    EXPECT_EQ(FailedChecks(state, target),
               (std::vector<std::string>{"1 level-1 records", "requests that the fabric counts as failed: 1, not 0"}));
 }
 
@@ -226,12 +225,12 @@ TEST_F(ReplayTest, ResumedReplayEndsAsAnUninterruptedOne) {
         const json whole = ReportedFigures();
 
         const std::string in_state = " --persistent-dir state start.swf";
-        ASSERT_EQ(RunProgram(mode + " --stop-after 150" + in_state), 0) << errors_;
+        ASSERT_EQ(RunProgram(mode + " --stop-after 60" + in_state), 0) << errors_;
         EXPECT_FALSE(ReservationFilesIn(Path("state")).empty());
-        ASSERT_EQ(RunProgram("--resume --stop-after 300" + in_state), 0) << errors_;
+        ASSERT_EQ(RunProgram("--resume --stop-after 120" + in_state), 0) << errors_;
         ASSERT_EQ(RunProgram("--resume --json --svg resumed.svg" + in_state), 0) << errors_;
         EXPECT_EQ(ReportedFigures(), whole);
-        EXPECT_EQ(ReadFile(Path("resumed.svg")), ReadFile(Path("whole.svg")));
+        EXPECT_EQ(Content(Path("resumed.svg")), Content(Path("whole.svg")));
         EXPECT_TRUE(std::filesystem::is_empty(Path("state")));
     }
     for (const auto& entry : std::filesystem::directory_iterator(dir_)) {
@@ -242,8 +241,8 @@ TEST_F(ReplayTest, ResumedReplayEndsAsAnUninterruptedOne) {
 TEST_F(ReplayTest, StoppedReplayIsNotOverwrittenMistakenOrHalfResumed) {
     WriteStartOfExampleTrace();
     const std::string in_state = " --persistent-dir state start.swf";
-    ASSERT_EQ(RunProgram("--stop-after 200" + in_state), 0) << errors_;
-    const std::string checkpoint = ReadFile(Path("state/replay_checkpoint.json"));
+    ASSERT_EQ(RunProgram("--stop-after 80" + in_state), 0) << errors_;
+    const std::string checkpoint = Content(Path("state/replay_checkpoint.json"));
     WriteFile("other.swf", JobLine(1, 0, -1, 10, 1, -1, 1));
     for (const auto& [arguments, refusal] : std::vector<std::pair<std::string, std::string>>{
              {in_state, "--persistent-dir: state holds a stopped replay; go on with it by --resume"},
@@ -251,15 +250,16 @@ TEST_F(ReplayTest, StoppedReplayIsNotOverwrittenMistakenOrHalfResumed) {
              {"--resume --persistent-dir state other.swf",
               "other.swf: is not the trace of the replay that was stopped in state"},
              {"--resume other.swf", "--resume requires --persistent-dir"},
+             {"--num-trees 24576 other.swf", "--num-trees: Value 24576 not in range 0 to 24575"},
              {"--svg none/chart.svg other.swf", "--svg: none/chart.svg: No such file or directory"}}) {
         EXPECT_EQ(RunProgram(arguments), 2) << arguments;
         EXPECT_EQ(output_, "");
         EXPECT_EQ(errors_, "reservation-replay: " + refusal + "\n");
-        EXPECT_EQ(ReadFile(Path("state/replay_checkpoint.json")), checkpoint);
+        EXPECT_EQ(Content(Path("state/replay_checkpoint.json")), checkpoint);
     }
 
     const std::string file = Path("state/" + ReservationFilesIn(Path("state")).front());
-    const std::string reservation = ReadFile(file);
+    const std::string reservation = Content(file);
     std::filesystem::remove(file);
     EXPECT_EQ(RunProgram("--resume" + in_state), 1);
     EXPECT_NE(errors_.find("was not taken back at start-up"), std::string::npos) << errors_;

@@ -1,6 +1,10 @@
-#include "replay/target/reservation_service.h"
+#include "replay/target/target_client.h"
+
+#include <absl/strings/str_cat.h>
 
 #include "messages/vesk_messages.h"
+
+namespace replay {
 
 std::string StatusName(uint32_t status) {
     switch (status) {
@@ -26,13 +30,15 @@ std::string StatusName(uint32_t status) {
             return "limits_mismatch";
         case VESK_STATUS_GUIDS_USED_BY_JOB:
             return "guids_used_by_job";
-        case ReservationService::kNoReply:
+        case TargetClient::kNoReply:
             return "no_reply";
-        case ReservationService::kLimitsExceeded:
+        case TargetClient::kLimitsExceeded:
             return "limits_exceeded";
-        case ReservationService::kAlreadyRunning:
+        case TargetClient::kAlreadyRunning:
             return "already_running";
         default:
-            return "status_" + std::to_string(status);
+            return absl::StrCat("status_", status);
     }
 }
+
+}    // namespace replay

@@ -1,4 +1,4 @@
-// The daemon's job side: owns the running jobs, takes the manager's replies and its orders to end jobs.
+// The command manager of a manager in this process.
 
 #pragma once
 
@@ -12,9 +12,12 @@
 #include "host/command_manager.h"
 #include "host/job.h"
 
-class JobTable : public CommandManager {
+namespace replay {
+
+// Owns the running jobs, takes the manager's replies, and counts the jobs that it ends.
+class ReplayCommandManager : public CommandManager {
 public:
-    // Enters a job. Its ext_job_id is final and its job id is not in the table.
+    // REQUIRES: ext_job_id does not change any more, and no job of the table has its job id.
     void Add(std::unique_ptr<VeskJob> job);
 
     // The job with this id, or null. A job that the manager ended stays until it is erased.
@@ -24,9 +27,7 @@ public:
 
     const std::map<uint64_t, std::unique_ptr<VeskJob>>& jobs() const { return jobs_; }
 
-    // How many jobs the manager has ended.
-    uint64_t num_ended() const { return num_ended_; }
-
+    uint64_t num_ended() const { return num_ended_; }    // by the manager
     uint64_t num_replies() const { return num_replies_; }
 
     // The status of the last reply when it answers this transaction, else `missing`.
@@ -44,8 +45,10 @@ private:
     std::unordered_map<std::string, std::set<VeskJob*>> jobs_by_key_;
     uint64_t num_ended_ = 0;
 
-    // Written by the sending of a reply, which is const for its caller.
+    // SendReservationInfoList, which is const, writes these.
     mutable uint64_t num_replies_ = 0;
     mutable uint64_t last_transaction_id_ = 0;
     mutable uint32_t last_status_ = 0;
 };
+
+}    // namespace replay

@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
-// A job as its starter describes it. Each of its trees spans all of its HCAs.
+namespace replay {
+
+// A starting job. Each of its trees spans all of its HCAs.
 struct JobRequest {
     uint64_t job_id = 0;
     std::string reservation_key;    // of the reservation that is to hold the job
@@ -16,30 +18,29 @@ struct JobRequest {
     uint32_t trees = 0;    // in each plane, 1 to 255
 };
 
-// Answer to the start of a job.
-struct JobVerdict {
+struct BeginJobResult {
     uint32_t status = 0;    // 0: admitted; VESK_STATUS_NOT_FOUND: not in its reservation; or as below
     uint64_t reservation_id = 0;    // of the reservation that holds it, when admitted
 };
 
-// A job that ran when the daemon stopped.
+// A job that ran when the replay was stopped.
 struct StoredJob {
     JobRequest request;
     uint64_t reservation_id = 0;
-    std::set<uint16_t> pkeys;    // that its ports carry; with automatic reservations
+    std::set<uint16_t> pkeys;    // that its ports carry
 };
 
-// Every operation returns a status: 0, VESK_STATUS_..., or one of those below. One that cannot be carried out at all
-// throws std::runtime_error.
-class ReservationService {
+// A way to a manager, for one thread at a time. Each operation returns a status: 0 for success, VESK_STATUS_..., or one
+// of those below. It throws std::runtime_error when it could not be carried out.
+class TargetClient {
 public:
     static constexpr uint32_t kNoReply = 0xFFFFFFFF;    // there was no reply to the request
-    static constexpr uint32_t kLimitsExceeded = 0xFFFFFFFE;    // the job's trees, or jobs on an HCA, are too many
+    static constexpr uint32_t kLimitsExceeded = 0xFFFFFFFE;    // the job's trees, or the jobs on an HCA, are too many
     static constexpr uint32_t kAlreadyRunning = 0xFFFFFFFD;    // another job has the job's id
 
-    virtual ~ReservationService() = default;
+    virtual ~TargetClient() = default;
 
-    // `num_trees` is the reservation's limit, or VESK_LIMIT_NOT_GIVEN.
+    // `num_trees` is the reservation's limit per plane, or VESK_LIMIT_NOT_GIVEN.
     virtual uint32_t CreateReservation(const std::string& key, uint16_t pkey, std::vector<uint64_t> guids,
                                        uint32_t num_trees) = 0;
     virtual uint32_t UpdateReservation(const std::string& key, std::vector<uint64_t> added,
@@ -47,14 +48,16 @@ public:
     virtual uint32_t DeleteReservation(const std::string& key) = 0;
 
     // Finds the job's reservation, checks its limits, and adds the job to it.
-    virtual JobVerdict BeginJob(const JobRequest& job) = 0;
+    virtual BeginJobResult BeginJob(const JobRequest& job) = 0;
 
-    // Takes an admitted job out again. VESK_STATUS_NOT_FOUND: it is not there any more.
+    // Removes an admitted job. VESK_STATUS_NOT_FOUND: it is gone already.
     virtual uint32_t EndJob(uint64_t job_id) = 0;
 
-    // Tells all the pkeys that an HCA's one port carries from now on.
+    // Reports the complete set of pkeys that the HCA's one port now carries.
     virtual uint32_t ReportPkeys(uint64_t guid, const std::set<uint16_t>& pkeys) = 0;
 };
 
-// What a person or a program reads for a status: "success", "guid_reserved", ...
+// "success", "guid_reserved", ...: for people and programs.
 std::string StatusName(uint32_t status);
+
+}    // namespace replay

@@ -40,6 +40,7 @@ constexpr uint32_t kSetupInFlight = 32;
 struct LoadOptions {
     std::string address;
     std::string kind = "create";
+    bool session = false;    // rather than unary calls
     uint32_t clients = 1;
     uint32_t in_flight = 1;    // actions of one client
     uint32_t hcas = 16;    // of a reservation that is changed
@@ -63,8 +64,9 @@ using Latencies = std::map<Action, std::vector<float>>;
 // One connection, and the reservations that it changes. For one thread at a time.
 class LoadClient {
 public:
-    LoadClient(const std::string& address, uint32_t in_flight, std::vector<LoadReservation> reservations)
-        : connection_(ConnectForCalls(address)), in_flight_(in_flight), reservations_(std::move(reservations)) {}
+    LoadClient(std::unique_ptr<LoadConnection> connection, uint32_t in_flight,
+               std::vector<LoadReservation> reservations)
+        : connection_(std::move(connection)), in_flight_(in_flight), reservations_(std::move(reservations)) {}
 
     // Does the action on each reservation for which it is possible. Throws LoadError when one fails, after the
     // answers to all that were sent.
@@ -141,10 +143,12 @@ private:
 class LoadClients {
 public:
     explicit LoadClients(const LoadOptions& options) {
+        const auto connect = options.session ? &ConnectForSession : &ConnectForCalls;
         const uint32_t count = options.reservations / options.clients;
         for (uint32_t i = 0; i < options.clients; ++i) {
-            clients_.push_back(std::make_unique<LoadClient>(
-                options.address, options.in_flight, MakeReservations(options.others + i * count, count, options.hcas)));
+            clients_.push_back(
+                std::make_unique<LoadClient>(connect(options.address), options.in_flight,
+                                             MakeReservations(options.others + i * count, count, options.hcas)));
         }
     }
 
@@ -261,11 +265,11 @@ void Measure(const LoadOptions& options, LoadClients& clients, LoadReport& repor
 void Run(LoadOptions options) {
     const auto info = GetDaemonInfo(options.address);
     if (info.reservations() != 0 || info.jobs() != 0) throw LoadError("the daemon has reservations or jobs already");
-    absl::PrintF("%s, %d clients with %d in flight, %d reservations of %d HCAs beside %d of one, durability %s\n",
-                 options.kind, options.clients, options.in_flight, options.reservations, options.hcas, options.others,
-                 info.durability());
+    absl::PrintF("%s, %d clients by %s with %d in flight, %d reservations of %d HCAs beside %d of one, durability %s\n",
+                 options.kind, options.clients, options.session ? "session" : "calls", options.in_flight,
+                 options.reservations, options.hcas, options.others, info.durability());
 
-    LoadClient others(options.address, kSetupInFlight, MakeReservations(0, options.others, 1));
+    LoadClient others(ConnectForCalls(options.address), kSetupInFlight, MakeReservations(0, options.others, 1));
     others.RunOnEach(Action::kCreate);
     LoadClients clients(options);
     if (options.kind != "create") clients.RunOnEach(Action::kCreate);
@@ -289,8 +293,10 @@ void AddOptions(CLI::App& app, LoadOptions& options) {
                    "mixed: all of them at once; default: create")
         ->check(CLI::IsMember({"create", "delta", "job", "mixed"}).description(""))
         ->type_name("KIND");
+    app.add_flag("--session", options.session, "each client uses one Session stream instead of unary calls");
     add("--clients", options.clients, 1, 1024, "connections, 1 to 1024; default: 1");
-    add("--in-flight", options.in_flight, 1, 4096, "actions of a client without an answer, 1 to 4096; default: 1");
+    add("--in-flight", options.in_flight, 1, 4096,
+        "actions of a client without an answer, 1 to 4096, with --session to 64; default: 1");
     add("--hcas", options.hcas, 1, 1'000'000, "HCAs of a reservation, 1 to 1000000; default: 16");
     add("--others", options.others, 0, 1'000'000,
         "reservations of one HCA that are there and not changed, 0 to 1000000; default: 1000");
@@ -308,6 +314,10 @@ void Complete(LoadOptions& options) {
         throw CLI::ValidationError("--reservations", absl::StrCat(options.reservations, " are fewer than the ",
                                                                   in_flight, " actions in flight"));
     }
+    if (options.session && options.in_flight > kMaxSessionInFlight) {
+        throw CLI::ValidationError("--in-flight",
+                                   absl::StrCat(options.in_flight, " is more than ", kMaxSessionInFlight));
+    }
     if (options.seconds % options.interval != 0) {
         throw CLI::ValidationError(
             "--seconds", absl::StrCat(options.seconds, " is not a multiple of --interval, ", options.interval));
@@ -319,7 +329,9 @@ void Complete(LoadOptions& options) {
 int main(int argc, char** argv) try {
     LoadOptions options;
     CLI::App app("Loads a running daemon with changes, and prints rates and latencies over time.", "daemon_load");
-    app.footer("Exit status: 0, or 1 when an action failed, 2 when an option cannot be used.");
+    app.footer(
+        "Exit status: 0, or 1 when an action failed, 2 when an option cannot be used. A run that fails leaves its\n"
+        "reservations.");
     AddOptions(app, options);
     try {
         app.parse(argc, argv);

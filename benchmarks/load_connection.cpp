@@ -4,9 +4,13 @@
 #include <grpcpp/client_context.h>
 #include <grpcpp/completion_queue.h>
 #include <grpcpp/support/async_unary_call.h>
+#include <grpcpp/support/sync_stream.h>
 
 #include <chrono>
+#include <deque>
+#include <optional>
 
+#include "client/client.h"
 #include "client/connection.h"
 #include "reservation/v1/reservation.grpc.pb.h"
 
@@ -30,51 +34,52 @@ std::unique_ptr<Stub> Connect(const std::string& address) {
     return v1::ReservationService::NewStub(*channel);
 }
 
-// ---- Requests ----
+// The code and the message.
+std::string Describe(const grpc::Status& status) { return client::ToAbslStatus(status).ToString(); }
+
+// ---- Operations and their replies ----
 
 template <typename Request>
 void AddGuids(const LoadReservation& reservation, Request& request) {
     for (uint32_t i = 0; i < reservation.num_hcas; ++i) request.add_guids(reservation.first_guid + i);
 }
 
-v1::CreateReservationRequest CreateRequest(const LoadReservation& reservation) {
-    v1::CreateReservationRequest request;
+void Describe(const LoadReservation& reservation, v1::CreateReservationRequest& request) {
     request.set_key(reservation.key);
     request.set_pkey(kPkey);
     AddGuids(reservation, request);
-    return request;
 }
 
-v1::UpdateReservationRequest DeltaRequest(const LoadReservation& reservation, bool is_add) {
-    v1::UpdateReservationRequest request;
+void Describe(const LoadReservation& reservation, bool is_add, v1::UpdateReservationRequest& request) {
     request.set_key(reservation.key);
     auto* const guids = is_add ? request.mutable_add_guids() : request.mutable_remove_guids();
     guids->Add(reservation.first_guid + reservation.num_hcas);
-    return request;
 }
 
-v1::DeleteReservationRequest DeleteRequest(const LoadReservation& reservation) {
-    v1::DeleteReservationRequest request;
-    request.set_key(reservation.key);
-    return request;
-}
-
-v1::BeginJobRequest BeginRequest(const LoadReservation& reservation) {
-    v1::BeginJobRequest request;
+void Describe(const LoadReservation& reservation, v1::BeginJobRequest& request) {
     request.set_job_id(reservation.job_id);
     request.set_planes(1);
     request.set_trees(1);
     AddGuids(reservation, request);
-    return request;
 }
 
-v1::EndJobRequest EndRequest(const LoadReservation& reservation) {
-    v1::EndJobRequest request;
-    request.set_job_id(reservation.job_id);
-    return request;
+void Describe(const LoadStep& step, v1::Operation& operation) {
+    switch (step.action) {
+        case Action::kCreate:
+            return Describe(*step.reservation, *operation.mutable_create_reservation());
+        case Action::kAdd:
+        case Action::kRemove:
+            return Describe(*step.reservation, step.action == Action::kAdd, *operation.mutable_update_reservation());
+        case Action::kBegin:
+            return Describe(*step.reservation, *operation.mutable_begin_job());
+        case Action::kEnd:
+            return operation.mutable_end_job()->set_job_id(step.reservation->job_id);
+        case Action::kDelete:
+            return operation.mutable_delete_reservation()->set_key(step.reservation->key);
+    }
 }
 
-// ---- Replies: why the step was not done; empty: it was ----
+// Each returns why the step was not done; an empty text when it was.
 
 std::string FailureIn(const v1::ReservationReply& reply) {
     return reply.status() == v1::STATUS_SUCCESS ? "" : absl::StrCat(reply.status_name(), ": ", reply.reason());
@@ -86,6 +91,20 @@ std::string FailureIn(const v1::BeginJobReply& reply) {
 }
 
 std::string FailureIn(const v1::EndJobReply& reply) { return reply.was_running() ? "" : "the job was not running"; }
+
+std::string FailureIn(const v1::SessionReply& reply) {
+    if (reply.error_code() != 0) return reply.error_message();
+    switch (reply.reply().reply_case()) {
+        case v1::OperationReply::kReservation:
+            return FailureIn(reply.reply().reservation());
+        case v1::OperationReply::kBeginJob:
+            return FailureIn(reply.reply().begin_job());
+        case v1::OperationReply::kEndJob:
+            return FailureIn(reply.reply().end_job());
+        default:
+            return "the reply is empty";
+    }
+}
 
 // ---- Unary calls ----
 
@@ -105,7 +124,7 @@ struct PendingCall {
 template <typename Reply>
 struct PendingCallWith : PendingCall {
     using PendingCall::PendingCall;
-    std::string Failure() const override { return status.ok() ? FailureIn(reply) : status.error_message(); }
+    std::string Failure() const override { return status.ok() ? FailureIn(reply) : Describe(status); }
 
     Reply reply;
     std::unique_ptr<grpc::ClientAsyncResponseReader<Reply>> reader;
@@ -116,20 +135,21 @@ public:
     explicit CallConnection(const std::string& address) : stub_(Connect(address)) {}
 
     void Send(const LoadStep& step) override {
-        const LoadReservation& reservation = *step.reservation;
-        switch (step.action) {
-            case Action::kCreate:
-                return Start(step, &Stub::PrepareAsyncCreateReservation, CreateRequest(reservation));
-            case Action::kAdd:
-            case Action::kRemove:
-                return Start(step, &Stub::PrepareAsyncUpdateReservation,
-                             DeltaRequest(reservation, step.action == Action::kAdd));
-            case Action::kBegin:
-                return Start(step, &Stub::PrepareAsyncBeginJob, BeginRequest(reservation));
-            case Action::kEnd:
-                return Start(step, &Stub::PrepareAsyncEndJob, EndRequest(reservation));
-            case Action::kDelete:
-                return Start(step, &Stub::PrepareAsyncDeleteReservation, DeleteRequest(reservation));
+        v1::Operation operation;
+        Describe(step, operation);
+        switch (operation.operation_case()) {
+            case v1::Operation::kCreateReservation:
+                return Start(step, &Stub::PrepareAsyncCreateReservation, operation.create_reservation());
+            case v1::Operation::kUpdateReservation:
+                return Start(step, &Stub::PrepareAsyncUpdateReservation, operation.update_reservation());
+            case v1::Operation::kDeleteReservation:
+                return Start(step, &Stub::PrepareAsyncDeleteReservation, operation.delete_reservation());
+            case v1::Operation::kBeginJob:
+                return Start(step, &Stub::PrepareAsyncBeginJob, operation.begin_job());
+            case v1::Operation::kEndJob:
+                return Start(step, &Stub::PrepareAsyncEndJob, operation.end_job());
+            case v1::Operation::OPERATION_NOT_SET:
+                return;
         }
     }
 
@@ -160,10 +180,62 @@ private:
     grpc::CompletionQueue queue_;
 };
 
+// ---- Session ----
+
+class SessionConnection : public LoadConnection {
+public:
+    explicit SessionConnection(const std::string& address)
+        : stub_(Connect(address)), stream_(stub_->Session(&context_)) {}
+
+    ~SessionConnection() override { End(); }
+
+    void Send(const LoadStep& step) override {
+        v1::SessionRequest request;
+        request.set_id(next_id_++);
+        Describe(step, *request.mutable_operation());
+        pending_.push_back({step, Clock::now()});
+        stream_->Write(request);    // when it fails, so does Receive
+    }
+
+    LoadAnswer Receive() override {
+        const auto [step, start] = pending_.front();
+        pending_.pop_front();
+        const uint64_t id = next_id_ - pending_.size() - 1;
+        v1::SessionReply reply;
+        if (!stream_->Read(&reply)) return {step, 0, absl::StrCat("the session has ended: ", Describe(End()))};
+        const std::chrono::duration<double> duration = Clock::now() - start;
+        if (reply.id() != id) return {step, 0, absl::StrCat("reply to ", reply.id(), " instead of ", id)};
+        return {step, duration.count(), FailureIn(reply)};
+    }
+
+private:
+    struct PendingStep {
+        LoadStep step;
+        Clock::time_point start;
+    };
+
+    const grpc::Status& End() {
+        if (status_.has_value()) return *status_;
+        stream_->WritesDone();
+        return status_.emplace(stream_->Finish());
+    }
+
+    grpc::ClientContext context_;
+    const std::unique_ptr<Stub> stub_;
+    const std::unique_ptr<grpc::ClientReaderWriter<v1::SessionRequest, v1::SessionReply>> stream_;
+    std::optional<grpc::Status> status_;    // when the stream has ended
+    uint64_t next_id_ = 1;
+    std::deque<PendingStep> pending_;    // in the order of their ids, which is that of the replies
+};
+
 }    // namespace
 
 std::unique_ptr<LoadConnection> ConnectForCalls(const std::string& address) {
     return std::make_unique<CallConnection>(address);
+}
+
+std::unique_ptr<LoadConnection> ConnectForSession(const std::string& address) {
+    return std::make_unique<SessionConnection>(address);
 }
 
 v1::DaemonInfo GetDaemonInfo(const std::string& address) {
@@ -171,7 +243,7 @@ v1::DaemonInfo GetDaemonInfo(const std::string& address) {
     context.set_deadline(std::chrono::system_clock::now() + kCallTimeout);
     v1::DaemonInfo info;
     const grpc::Status status = Connect(address)->GetDaemonInfo(&context, v1::GetDaemonInfoRequest(), &info);
-    if (!status.ok()) throw LoadError(absl::StrCat(address, ": no daemon answers: ", status.error_message()));
+    if (!status.ok()) throw LoadError(absl::StrCat(address, ": no daemon answers: ", Describe(status)));
     return info;
 }
 

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -16,6 +17,9 @@ class LoadError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
+
+// As many as the daemon reads without an answer. With more, it might wait for the load to read, and the load for it.
+inline constexpr uint32_t kMaxSessionInFlight = 64;
 
 struct LoadStep {
     Action action;
@@ -40,8 +44,10 @@ public:
     virtual LoadAnswer Receive() = 0;
 };
 
-// Each step is a unary call; they are answered in any order.
+// Each throws LoadError when the address is malformed. Calls: each step is a unary call; they are answered in any
+// order. Session: all steps go through one stream, and are answered in order; at most kMaxSessionInFlight at once.
 std::unique_ptr<LoadConnection> ConnectForCalls(const std::string& address);
+std::unique_ptr<LoadConnection> ConnectForSession(const std::string& address);
 
 // Throws LoadError when no daemon answers at the address.
 reservation::v1::DaemonInfo GetDaemonInfo(const std::string& address);

@@ -93,12 +93,14 @@ uint32_t DaemonClient::ReportPkeys(uint64_t guid, const std::set<uint16_t>& pkey
 
 std::vector<std::string> DaemonClient::ReservationKeys() const {
     std::vector<std::string> keys;
-    const v1::ReservationReply reply = Call(v1::GetReservationsRequest());
-    for (const v1::Reservation& reservation : reply.reservations()) keys.push_back(reservation.key());
+    v1::GetReservationsRequest request;
+    do {
+        const v1::ReservationReply reply = Call(request);
+        for (const v1::Reservation& reservation : reply.reservations()) keys.push_back(reservation.key());
+        request.set_page_token(reply.next_page_token());
+    } while (!request.page_token().empty());
     return keys;
 }
-
-uint64_t DaemonClient::NumJobs() const { return static_cast<uint64_t>(Call(v1::ListJobsRequest()).jobs_size()); }
 
 v1::DaemonInfo DaemonClient::GetDaemonInfo() const { return Call(v1::GetDaemonInfoRequest()); }
 

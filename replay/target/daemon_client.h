@@ -30,7 +30,6 @@ public:
     uint32_t ReportPkeys(uint64_t guid, const std::set<uint16_t>& pkeys) override;
 
     std::vector<std::string> ReservationKeys() const;
-    uint64_t NumJobs() const;
     client::v1::DaemonInfo GetDaemonInfo() const;
 
     // The events from this one on. The stream must not outlive the client.

@@ -80,7 +80,7 @@ public:
             failed.push_back(absl::StrCat("reservation ", key, " is left"));
         }
         ExpectNone(failed, info.reserved_hcas(), "HCAs are still reserved");
-        ExpectNone(failed, first().NumJobs(), "jobs still run");
+        ExpectNone(failed, info.jobs(), "jobs still run");
         ExpectNone(failed, events_.num_ended_jobs(), "jobs were ended by the manager");
         return failed;
     }

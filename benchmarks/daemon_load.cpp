@@ -177,14 +177,19 @@ private:
     std::vector<std::unique_ptr<LoadClient>> clients_;
 };
 
-// One action in one interval.
+// One action, or all of them, in one interval.
 struct IntervalFigures {
     double seconds = 0;    // of the phases that began in the interval
     std::vector<float> latencies;    // seconds
 
-    double Rate() const { return static_cast<double>(latencies.size()) / seconds; }
+    void Add(double phase_seconds, const std::vector<float>& of_phase) {
+        seconds += phase_seconds;
+        latencies.insert(latencies.end(), of_phase.begin(), of_phase.end());
+    }
 
-    // The smallest latency, in milliseconds, that is not exceeded in this share of the cases.
+    double Rate() const { return static_cast<double>(latencies.size()) / seconds; }    // per second
+
+    // The smallest latency, in milliseconds, that is not exceeded in this share of the cases. Reorders them.
     double Milliseconds(double share) {
         const auto rank = static_cast<size_t>(std::ceil(share * static_cast<double>(latencies.size())));
         const auto at = latencies.begin() + static_cast<std::ptrdiff_t>(rank) - 1;
@@ -201,39 +206,41 @@ public:
                      "max ms");
     }
 
-    // `start` is when the phase began, in seconds since the start. Ascending from call to call.
-    void Add(double start, double seconds, Latencies latencies) {
+    // `start` is when the phase began, in seconds since the start. REQUIRES: ascending from call to call.
+    void Add(double start, double seconds, const Latencies& latencies) {
         const auto index = static_cast<uint32_t>(start / interval_);
         if (index != current_index_) Finish();
         current_index_ = index;
-        for (auto& [action, of_phase] : latencies) {
-            IntervalFigures& figures = current_[action];
-            figures.seconds += seconds;
-            figures.latencies.insert(figures.latencies.end(), of_phase.begin(), of_phase.end());
+        std::vector<float> all;
+        for (const auto& [action, of_action] : latencies) {
+            current_[NameOf(action)].Add(seconds, of_action);
+            all.insert(all.end(), of_action.begin(), of_action.end());
         }
+        if (latencies.size() > 1) current_["total"].Add(seconds, all);
     }
 
     // Prints the last interval, and it beside the first one.
     void Conclude() {
         Finish();
-        absl::PrintF("\n%10s  %-8s %10s %10s %10s %12s %12s\n", "", "", "first /s", "last /s", "last/first",
+        absl::PrintF("\n%10s  %-8s %10s %10s %10s %13s %12s\n", "", "", "first /s", "last /s", "last/first",
                      "first 99 % ms", "last 99 % ms");
-        for (auto& [action, first] : first_) {
-            const auto last = last_.find(action);
+        for (auto& [name, first] : first_) {
+            const auto last = last_.find(name);
             if (last == last_.end()) continue;
-            absl::PrintF("%10s  %-8s %10.0f %10.0f %10.2f %13.3f %12.3f\n", "", NameOf(action), first.Rate(),
-                         last->second.Rate(), last->second.Rate() / first.Rate(), first.Milliseconds(0.99),
-                         last->second.Milliseconds(0.99));
+            absl::PrintF("%10s  %-8s %10.0f %10.0f %10.2f %13.3f %12.3f\n", "", name, first.Rate(), last->second.Rate(),
+                         last->second.Rate() / first.Rate(), first.Milliseconds(0.99), last->second.Milliseconds(0.99));
         }
     }
 
 private:
+    using FiguresByName = std::map<std::string, IntervalFigures>;
+
     void Finish() {
-        for (auto& [action, figures] : current_) {
-            const std::string time = absl::StrCat(current_index_ * interval_, "-", (current_index_ + 1) * interval_);
-            absl::PrintF("%10s  %-8s %10d %10.0f %10.3f %10.3f %10.3f\n", time, NameOf(action),
-                         figures.latencies.size(), figures.Rate(), figures.Milliseconds(0.5),
-                         figures.Milliseconds(0.99), figures.Milliseconds(1));
+        const std::string time = absl::StrCat(current_index_ * interval_, "-", (current_index_ + 1) * interval_);
+        for (auto& [name, figures] : current_) {
+            absl::PrintF("%10s  %-8s %10d %10.0f %10.3f %10.3f %10.3f\n", time, name, figures.latencies.size(),
+                         figures.Rate(), figures.Milliseconds(0.5), figures.Milliseconds(0.99),
+                         figures.Milliseconds(1));
         }
         std::fflush(stdout);
         if (first_.empty()) first_ = current_;
@@ -242,9 +249,9 @@ private:
 
     const uint32_t interval_;    // seconds
     uint32_t current_index_ = 0;
-    std::map<Action, IntervalFigures> first_;
-    std::map<Action, IntervalFigures> last_;
-    std::map<Action, IntervalFigures> current_;
+    FiguresByName current_;
+    FiguresByName first_;
+    FiguresByName last_;
 };
 
 void Measure(const LoadOptions& options, LoadClients& clients, LoadReport& report) {
@@ -255,10 +262,9 @@ void Measure(const LoadOptions& options, LoadClients& clients, LoadReport& repor
         const Clock::time_point phase_start = Clock::now();
         const auto interval = (phase_start - start) / std::chrono::seconds(options.interval);
         const Clock::time_point interval_end = start + (interval + 1) * std::chrono::seconds(options.interval);
-        Latencies latencies =
+        const Latencies latencies =
             phases.empty() ? clients.RunMixed(interval_end) : clients.RunOnEach(phases[turn % phases.size()]);
-        report.Add(Seconds(phase_start - start).count(), Seconds(Clock::now() - phase_start).count(),
-                   std::move(latencies));
+        report.Add(Seconds(phase_start - start).count(), Seconds(Clock::now() - phase_start).count(), latencies);
     }
 }
 

@@ -12,47 +12,45 @@ ClientPool::ClientPool(const std::vector<TargetClient*>& clients) : first_client
 
 ClientPool::~ClientPool() {
     {
-        const std::lock_guard lock(mutex_);
+        const absl::MutexLock lock(&mutex_);
         is_ending_ = true;
     }
-    work_.notify_all();
     for (std::thread& thread : threads_) thread.join();
 }
 
 void ClientPool::Run(std::vector<Task> tasks) {
-    std::unique_lock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     tasks_ = std::move(tasks);
     next_task_ = 0;
-    if (tasks_.size() > 1) work_.notify_all();
-    RunTasks(first_client_, lock);
-    done_.wait(lock, [this] { return num_running_ == 0; });
+    RunTasks(first_client_);
+    mutex_.Await(absl::Condition(this, &ClientPool::IsIdle));
     if (error_ != nullptr) std::rethrow_exception(std::exchange(error_, nullptr));
 }
 
 void ClientPool::Work(TargetClient& client) {
-    std::unique_lock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     while (!is_ending_) {
-        RunTasks(client, lock);
-        work_.wait(lock, [this] { return is_ending_ || next_task_ < tasks_.size(); });
+        RunTasks(client);
+        mutex_.Await(absl::Condition(this, &ClientPool::HasWork));
     }
 }
 
-// Runs tasks until none is left to start. REQUIRES: the lock is held; it is released while a task runs.
-void ClientPool::RunTasks(TargetClient& client, std::unique_lock<std::mutex>& lock) {
+// Runs tasks until none is left to start. Releases the lock while a task runs.
+void ClientPool::RunTasks(TargetClient& client) {
     while (next_task_ < tasks_.size()) {
         const Task& task = tasks_[next_task_++];
         ++num_running_;
-        lock.unlock();
+        mutex_.Unlock();
         std::exception_ptr error;
         try {
             task(client);
         } catch (...) {
             error = std::current_exception();
         }
-        lock.lock();
+        mutex_.Lock();
         if (error != nullptr) next_task_ = tasks_.size();
         if (error_ == nullptr) error_ = error;
-        if (--num_running_ == 0) done_.notify_one();
+        --num_running_;
     }
 }
 

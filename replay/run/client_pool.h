@@ -2,11 +2,12 @@
 
 #pragma once
 
-#include <condition_variable>
+#include <absl/base/thread_annotations.h>
+#include <absl/synchronization/mutex.h>
+
 #include <cstddef>
 #include <exception>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -31,18 +32,18 @@ public:
 
 private:
     void Work(TargetClient& client);
-    void RunTasks(TargetClient& client, std::unique_lock<std::mutex>& lock);
+    void RunTasks(TargetClient& client) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+    bool HasWork() const ABSL_SHARED_LOCKS_REQUIRED(mutex_) { return is_ending_ || next_task_ < tasks_.size(); }
+    bool IsIdle() const ABSL_SHARED_LOCKS_REQUIRED(mutex_) { return num_running_ == 0; }
 
     TargetClient& first_client_;
 
-    std::mutex mutex_;    // guards what follows
-    std::condition_variable work_;    // there are tasks to start, or the pool is being destroyed
-    std::condition_variable done_;    // the last task that was running has ended
-    std::vector<Task> tasks_;
-    size_t next_task_ = 0;
-    size_t num_running_ = 0;
-    std::exception_ptr error_;
-    bool is_ending_ = false;    // the pool is being destroyed
+    absl::Mutex mutex_;
+    std::vector<Task> tasks_ ABSL_GUARDED_BY(mutex_);
+    size_t next_task_ ABSL_GUARDED_BY(mutex_) = 0;
+    size_t num_running_ ABSL_GUARDED_BY(mutex_) = 0;
+    std::exception_ptr error_ ABSL_GUARDED_BY(mutex_);
+    bool is_ending_ ABSL_GUARDED_BY(mutex_) = false;    // the pool is being destroyed
 
     std::vector<std::thread> threads_;    // last: they use all of the above
 };

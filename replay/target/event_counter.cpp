@@ -20,18 +20,21 @@ EventCounter::~EventCounter() {
 }
 
 void EventCounter::WaitFor(uint64_t sequence) {
-    std::unique_lock lock(mutex_);
-    change_.wait(lock, [&] { return !status_.ok() || last_sequence_ >= sequence; });
+    const absl::MutexLock lock(&mutex_);
+    const auto is_over = [&]() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_) {
+        return !status_.ok() || last_sequence_ >= sequence;
+    };
+    mutex_.Await(absl::Condition(&is_over));
     if (last_sequence_ < sequence) throw client_.ErrorFor(status_);
 }
 
 ManagerCounters EventCounter::counters() const {
-    const std::lock_guard lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     return counters_;
 }
 
 uint64_t EventCounter::num_ended_jobs() const {
-    const std::lock_guard lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     return num_ended_jobs_;
 }
 
@@ -40,13 +43,12 @@ void EventCounter::ReadAll() {
     for (; event.ok(); event = stream_->Next()) {
         if (event->kind() != v1::Event::KIND_NONE) Count(*event);
     }
-    const std::lock_guard lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     status_ = event.status();
-    change_.notify_all();
 }
 
 void EventCounter::Count(const v1::Event& event) {
-    const std::lock_guard lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     switch (event.kind()) {
         case v1::Event::KIND_RESERVATION_CREATED:
             ++counters_.reservations_created;
@@ -67,7 +69,6 @@ void EventCounter::Count(const v1::Event& event) {
             break;
     }
     last_sequence_ = event.sequence();
-    change_.notify_all();
 }
 
 }    // namespace replay

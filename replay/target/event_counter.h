@@ -2,12 +2,12 @@
 
 #pragma once
 
+#include <absl/base/thread_annotations.h>
 #include <absl/status/status.h>
+#include <absl/synchronization/mutex.h>
 
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 #include "client/client.h"
@@ -39,12 +39,11 @@ private:
     const DaemonClient& client_;
     const std::unique_ptr<client::EventStream> stream_;
 
-    mutable std::mutex mutex_;    // guards what follows
-    std::condition_variable change_;
-    ManagerCounters counters_;
-    uint64_t num_ended_jobs_ = 0;
-    uint64_t last_sequence_;
-    absl::Status status_;    // not OK: the stream ended with it
+    mutable absl::Mutex mutex_;
+    ManagerCounters counters_ ABSL_GUARDED_BY(mutex_);
+    uint64_t num_ended_jobs_ ABSL_GUARDED_BY(mutex_) = 0;
+    uint64_t last_sequence_ ABSL_GUARDED_BY(mutex_);
+    absl::Status status_ ABSL_GUARDED_BY(mutex_);    // not OK: the stream ended with it
 
     std::thread thread_;    // last: it uses all of the above
 };

@@ -19,7 +19,7 @@ constexpr size_t kMaxUnanswered = 64;
 
 void Session::End() {
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         is_stopping_ = true;
     }
     GoOn();
@@ -28,7 +28,7 @@ void Session::End() {
 void Session::OnReadDone(bool ok) {
     if (ok) Submit(Enter());
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         is_reading_ = false;
         if (!ok) is_at_end_ = true;
     }
@@ -37,7 +37,7 @@ void Session::OnReadDone(bool ok) {
 
 void Session::OnWriteDone(bool ok) {
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         is_writing_ = false;
         if (!ok) is_broken_ = true;
         exchanges_.pop_front();
@@ -48,7 +48,7 @@ void Session::OnWriteDone(bool ok) {
 void Session::OnDone() { list_.Remove(shared_from_this()); }
 
 Session::Exchange& Session::Enter() {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     Exchange& exchange = exchanges_.emplace_back();
     exchange.request = std::move(incoming_);
     return exchange;
@@ -76,7 +76,7 @@ void Session::Answer(Exchange& exchange, const absl::Status& status) {
         exchange.reply.set_error_message(std::string(status.message()));
     }
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         exchange.is_answered = true;
     }
     GoOn();
@@ -88,7 +88,7 @@ void Session::GoOn() {
     const v1::SessionReply* reply = nullptr;
     grpc::Status status;
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         if (IsToRead()) {
             is_reading_ = true;
             StartRead(&incoming_);
@@ -123,7 +123,7 @@ Session* SessionList::Begin(Engine& engine) {
     const auto session = std::make_shared<Session>(engine, *this);
     bool is_ended = false;
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         sessions_.insert(session);
         is_ended = is_ended_;
     }
@@ -133,13 +133,13 @@ Session* SessionList::Begin(Engine& engine) {
 }
 
 void SessionList::End() {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     is_ended_ = true;
     for (const std::shared_ptr<Session>& session : sessions_) session->End();
 }
 
 void SessionList::Remove(const std::shared_ptr<Session>& session) {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     sessions_.erase(session);
 }
 

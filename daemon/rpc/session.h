@@ -4,7 +4,6 @@
 
 #include <absl/base/thread_annotations.h>
 #include <absl/status/status.h>
-#include <absl/synchronization/mutex.h>
 #include <grpcpp/grpcpp.h>
 
 #include <deque>
@@ -13,6 +12,7 @@
 
 #include "daemon/engine/engine.h"
 #include "reservation/v1/reservation.pb.h"
+#include "util/mutex.h"
 
 namespace reservationd {
 
@@ -53,7 +53,7 @@ private:
     Engine& engine_;
     SessionList& list_;
     v1::SessionRequest incoming_;    // used by the read under way
-    absl::Mutex mutex_;
+    util::Mutex mutex_;
     std::deque<Exchange> exchanges_ ABSL_GUARDED_BY(mutex_);    // those read and not yet sent, in order
     bool is_reading_ ABSL_GUARDED_BY(mutex_) = false;    // until the engine has what was read
     bool is_writing_ ABSL_GUARDED_BY(mutex_) = false;    // the reply of the first exchange
@@ -75,7 +75,7 @@ public:
     void Remove(const std::shared_ptr<Session>& session);
 
 private:
-    absl::Mutex mutex_;
+    util::Mutex mutex_;
     std::set<std::shared_ptr<Session>> sessions_ ABSL_GUARDED_BY(mutex_);
     bool is_ended_ ABSL_GUARDED_BY(mutex_) = false;
 };

@@ -17,16 +17,16 @@ cp "$1" /mnt/root/package.deb
 
 chroot /mnt/root bash -euo pipefail <<'INSIDE'
 export DEBIAN_FRONTEND=noninteractive
-apt-get install -y -qq /package.deb
+apt-get install -y -qq -o Dpkg::Use-Pty=0 /package.deb
 mkdir -p /run/reservationd /var/lib/reservation_manager    # as the unit's RuntimeDirectory and StateDirectory do
 reservationd &
 until reservationctl status >/dev/null 2>&1; do kill -0 $!; sleep 0.02; done
 reservationctl create A --pkey 0x8001 --guids 0x10-0x17
 kill $!
 wait $!
-apt-get remove -y -qq reservation-manager
+apt-get remove -y -qq -o Dpkg::Use-Pty=0 reservation-manager
 ls /var/lib/reservation_manager/reservation.A /etc/reservationd.conf    # survive the removal, and not the purge
-apt-get purge -y -qq reservation-manager
+apt-get purge -y -qq -o Dpkg::Use-Pty=0 reservation-manager
 rmdir /run/reservationd
 INSIDE
 

@@ -6,7 +6,8 @@ include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/reservation_manager)
 
 install(TARGETS reservation_manager EXPORT reservation_manager_targets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY messages host DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/reservation_manager FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY messages host DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/reservation_manager FILES_MATCHING PATTERN "*.h"
+  PATTERN record_text.h EXCLUDE PATTERN word.h EXCLUDE)
 install(FILES reservation/reservation_manager.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/reservation_manager/reservation)
 install(EXPORT reservation_manager_targets NAMESPACE reservation_manager:: DESTINATION ${package_dir}
   FILE reservation_manager-config.cmake)

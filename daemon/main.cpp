@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "daemon/engine/engine.h"
 #include "daemon/log_sink.h"
@@ -67,10 +68,19 @@ void Serve(Settings settings, const sigset_t& signals, int argc, char** argv) tr
     throw;
 }
 
+// Returns the exit status.
+int CheckStore(const std::string& dir) {
+    const std::vector<std::string> faults = FindFaultsOfStore(dir);
+    for (const std::string& fault : faults) std::printf("%s\n", fault.c_str());
+    if (faults.empty()) std::printf("The store in %s is good.\n", dir.c_str());
+    return faults.empty() ? 0 : 1;
+}
+
 }    // namespace
 
 int main(int argc, char** argv) try {
     const Settings settings = ReadSettings(argc, argv);
+    if (settings.check_store) return CheckStore(settings.engine.options.persistent_dir);
     OpenLog(settings.log, settings.engine.log_level);
     Serve(settings, TakeOverSignals(), argc, argv);
     return 0;

@@ -17,7 +17,9 @@ constexpr char kDescription[] =
 constexpr char kFooter[] =
     "Each option can stand in the configuration file, without its dashes: max-jobs-per-hca = 4\n\n"
     "Signals: HUP reads the options again, TERM ends the daemon.\n"
-    "Exit status: 0 when it was told to end, 1 when something failed, 2 when an option cannot be used.";
+    "Exit status: 0 when it was told to end, or the store is good; 1 when something failed, or the store is not good; "
+    "2 "
+    "when an option cannot be used.";
 
 // Groups of the help text. The options of the first one can change while the daemon runs.
 constexpr char kChangeable[] = "Options that SIGHUP reads again";
@@ -27,7 +29,9 @@ constexpr char kClients[] = "Clients";
 void AddChangeableOptions(CLI::App& app, Settings& settings) {
     OptionInfo& options = settings.engine.options;
     const std::map<std::string, uint32_t> no_limit = {{"none", std::numeric_limits<uint32_t>::max()}};
-    app.add_flag("--reservation-mode", options.reservation_mode, "reservations are in use at all")->group(kChangeable);
+    app.add_flag("--reservation-mode,!--no-reservation-mode", options.reservation_mode,
+                 "reservations are in use at all (default)")
+        ->group(kChangeable);
     app.add_option("--max-jobs-per-hca", options.max_jobs_per_hca,
                    "most jobs on one HCA, which then admits no further one; 0: no cap")
         ->group(kChangeable);
@@ -127,6 +131,7 @@ void CheckTogether(const Settings& settings) {
 
 Settings ReadSettings(int argc, char** argv) {
     Settings settings;
+    settings.engine.options.reservation_mode = true;
     settings.server.socket = "/run/reservationd/reservationd.sock";
     std::string durability = "process";
 
@@ -135,6 +140,9 @@ Settings ReadSettings(int argc, char** argv) {
     app.option_defaults()->always_capture_default();
     app.set_version_flag("--version", RESERVATIOND_VERSION);
     app.set_config("--config", "/etc/reservationd.conf", "configuration file");
+    app.add_flag("--check-store", settings.check_store,
+                 "only tell what is wrong with the store in the persistent-dir, and end; no daemon may use it")
+        ->configurable(false);
     app.allow_config_extras(CLI::config_extras_mode::error);
     AddChangeableOptions(app, settings);
     AddReservationOptions(app, settings.engine, durability);

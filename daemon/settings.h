@@ -29,6 +29,7 @@ struct Settings {
     EngineSettings engine;
     ServerSettings server;
     std::string log = "stderr";    // see OpenLog
+    bool check_store = false;    // instead of serving
     std::map<std::string, OptionValue> options;    // all of the above, by the option's name
 };
 

@@ -11,8 +11,7 @@ dir=$(mktemp -d)
 address=unix:$dir/socket
 trap 'kill $(jobs -p) 2>/dev/null || true; wait; rm -rf "$dir"' EXIT
 
-"$bin/daemon/reservationd" --config /dev/null --reservation-mode --persistent-dir "$dir/state" --socket "$dir/socket" \
-    --log "$dir/log" &
+"$bin/daemon/reservationd" --config /dev/null --persistent-dir "$dir/state" --socket "$dir/socket" --log "$dir/log" &
 daemon=$!
 until [ -S "$dir/socket" ]; do
     kill -0 "$daemon"

@@ -23,6 +23,9 @@ namespace reservationd {
 
 namespace {
 
+constexpr char kStoreName[] = "/reservationd.sqlite";
+constexpr char kJournalName[] = "/mirror.sqlite";
+constexpr char kOtherStore[] = "the reservation files are of another one, or of a later state of this one";
 constexpr size_t kMaxQueuedCalls = 10'000;
 constexpr size_t kMaxBatch = 256;
 constexpr absl::Duration kIdleTime = absl::Seconds(1);
@@ -55,9 +58,9 @@ Engine::Engine(const EngineSettings& settings)
     : settings_(settings),
       dir_(MakeDirectory(settings.options.persistent_dir)),
       lock_(dir_),
-      store_(std::make_unique<SqliteStore>(dir_ + "/reservationd.sqlite", settings.durability, settings.kept_events)),
+      store_(std::make_unique<SqliteStore>(dir_ + kStoreName, settings.durability, settings.kept_events)),
       files_(dir_),
-      journal_(dir_ + "/mirror.sqlite", store_->identity()),
+      journal_(dir_ + kJournalName, store_->identity()),
       mirror_(std::make_unique<FileMirror>(files_, journal_)),
       events_(settings.kept_events) {
     log_set_level(settings_.log_level);
@@ -66,6 +69,7 @@ Engine::Engine(const EngineSettings& settings)
 }
 
 void Engine::Recover() {
+    NoticeLoss();
     const DamagedRows damaged = store_->SetDamagedAside();
     StoreContents contents = store_->Read();
     LoadEvents(contents, damaged);
@@ -75,6 +79,18 @@ void Engine::Recover() {
     LoadReservations(contents, damaged, plan);
     Commit();
     CorrectFiles(contents, plan);
+}
+
+void Engine::NoticeLoss() {
+    if (!store_->loss().empty()) {
+        loss_ = store_->loss();
+    } else if (journal_.is_of_other_store()) {
+        loss_ = kOtherStore;
+    }
+    if (loss_.empty()) return;
+    loss_ = absl::StrCat(dir_, ": the store is not as it was left: ", loss_, ". Events are numbered in epoch ",
+                         store_->identity().id);
+    WriteLog(kLogWarning, loss_);
 }
 
 // A damaged event is replaced by one that only has its number, so that the others keep theirs.
@@ -267,10 +283,10 @@ void Engine::ApplySettings(const EngineSettings& settings) {
     settings_.options.load_persistent_reservations = old_options.load_persistent_reservations;
     settings_.options.reservation_auto_by_pkeys = old_options.reservation_auto_by_pkeys;
     log_set_level(settings.log_level);
-    // What reservations and HCAs derive from the options is derived again. Jobs may end by that.
-    RestoreState();
-    std::vector<Call> none;
-    ExecuteBatch(none);
+    // Jobs may end by this.
+    std::vector<Call> batch(1);
+    batch.front().run = [this](ReservationState& state) { state.SetOptions(settings_.options); };
+    ExecuteBatch(batch);
 }
 
 void Engine::RunAndAnswer(std::vector<Call>& batch) {
@@ -358,6 +374,7 @@ void Engine::Describe(v1::DaemonInfo* info) const {
     info->set_store_writable(store_is_writable_);
     info->set_epoch(store_->identity().id);
     info->set_store_generation(store_->identity().generation);
+    if (!loss_.empty()) info->add_warnings(loss_);
     const MirrorStatus mirror = mirror_->status();
     info->set_unwritten_files(mirror.dirty_keys);
     info->set_unwritten_files_age_millis(static_cast<uint64_t>(absl::ToInt64Milliseconds(mirror.lag)));
@@ -369,6 +386,18 @@ v1::StateVersion Engine::Version() const {
     version.set_epoch(epoch());
     version.set_sequence(events_.newest() + state_->num_new_events());
     return version;
+}
+
+// ---- Offline ----
+
+std::vector<std::string> FindFaultsOfStore(const std::string& dir) {
+    const DirectoryLock lock(dir);
+    StoreReport report = CheckSqliteStore(dir + kStoreName);
+    const std::optional<StoreIdentity> mirrored = MirrorJournal::ReadStore(dir + kJournalName);
+    const bool is_other =
+        mirrored && (mirrored->id != report.identity.id || mirrored->generation > report.identity.generation);
+    if (is_other) report.faults.push_back(kOtherStore);
+    return report.faults;
 }
 
 }    // namespace reservationd

@@ -87,6 +87,7 @@ public:
 
 private:
     void Recover();
+    void NoticeLoss();
     void LoadEvents(StoreContents& contents, const DamagedRows& damaged);
     RecoveryPlan MakePlan(const StoreContents& contents, const DamagedRows& damaged);
     void SetFilesAside(const RecoveryPlan& plan);
@@ -113,6 +114,7 @@ private:
     ReservationFiles files_;
     MirrorJournal journal_;
     std::unique_ptr<FileMirror> mirror_;    // null when it has written its last
+    std::string loss_;    // what an operator should know of the store since the start; empty: nothing
     EventLog events_;
     std::unique_ptr<ReservationState> state_;
     uint64_t failed_requests_ = 0;    // as of the last commit
@@ -125,5 +127,9 @@ private:
 
     std::thread thread_;    // last: it uses all of the above
 };
+
+// Tells what is wrong with the store in this directory, one fault a sentence, and changes nothing. Throws
+// std::exception, with a message that names the file, when it cannot be read at all, or a daemon uses it.
+std::vector<std::string> FindFaultsOfStore(const std::string& dir);
 
 }    // namespace reservationd

@@ -298,6 +298,13 @@ std::unique_ptr<Job> ReservationState::ExtractJob(uint64_t job_id) {
     return job;
 }
 
+// Counts the reservation's jobs that wait for it, and ends those that are not its own.
+void ReservationState::TakeUpJobsOf(ReservationInfo* reservation) {
+    CountJobsOf(reservation);
+    const OptionInfo& options = context_.options;
+    if (options.reservation_mode && !options.reservation_auto_by_pkeys) manager_->HandleAlreadyRunningJobs(reservation);
+}
+
 // Counts the jobs that run under the reservation's key and are not counted, if it owns all of their HCAs.
 void ReservationState::CountJobsOf(ReservationInfo* reservation) {
     for (const auto& [job_id, job] : jobs_.OfReservation(reservation->info.reservation_key)) {
@@ -343,6 +350,40 @@ void ReservationState::Describe(v1::DaemonInfo* info) const {
     info->set_reserved_hcas(manager_->hca_infos.size());
     info->set_jobs(jobs_.all().size());
     info->set_failed_reservation_requests(failed_requests());
+}
+
+// ---- Options ----
+
+void ReservationState::SetOptions(const OptionInfo& options) {
+    const OptionInfo old_options = context_.options;
+    const bool caps_begin_or_end = (old_options.max_jobs_per_hca == 0) != (options.max_jobs_per_hca == 0);
+    const auto uncount = [this](ReservationInfo* reservation, VeskJob* job) { manager_->RemoveJob(reservation, job); };
+    const auto count = [this](ReservationInfo* reservation, VeskJob* job) { manager_->AddJob(reservation, job); };
+    const ManagerScope scope(context_);
+    // The jobs on an HCA are counted only while there is a cap: each job leaves the counts that it came into.
+    if (caps_begin_or_end) ForEachCountedJob(uncount);
+    context_.options = options;
+    if (caps_begin_or_end) ForEachCountedJob(count);
+    if (options.reservation_default_num_trees != old_options.reservation_default_num_trees) {
+        for (const auto& [key, reservation] : manager_->reservations) reservation->SetResourceLimitation();
+    }
+    std::set<std::string> waiting_keys;    // of reservations whose jobs are not all counted
+    for (const auto& [job_id, job] : jobs_.all()) {
+        if (!job->vesk_job.reservation_accounted) waiting_keys.insert(job->description.reservation_key());
+    }
+    for (const std::string& key : waiting_keys) {
+        ReservationInfo* const reservation = manager_->GetReservationInfoByKey(key);
+        if (reservation != nullptr) TakeUpJobsOf(reservation);
+    }
+}
+
+// Calls `change` with the reservation and the job.
+template <typename Change>
+void ReservationState::ForEachCountedJob(Change change) {
+    for (const auto& [job_id, job] : jobs_.all()) {
+        if (!job->vesk_job.reservation_accounted) continue;
+        change(manager_->GetReservationInfoByKey(job->description.reservation_key()), &job->vesk_job);
+    }
 }
 
 // ---- Ports ----
@@ -441,9 +482,7 @@ void ReservationState::Enter(std::unique_ptr<ReservationInfo> reservation, uint6
     manager_->AddReservationToDB(entered);
     if (id != 0) manager_->SetReservationId(*entered, id);
     manager_->CreateReservationId(*entered);
-    CountJobsOf(entered);
-    const OptionInfo& options = context_.options;
-    if (options.reservation_mode && !options.reservation_auto_by_pkeys) manager_->HandleAlreadyRunningJobs(entered);
+    TakeUpJobsOf(entered);
 }
 
 }    // namespace reservationd

@@ -70,6 +70,10 @@ public:
     void ReportPort(const v1::ReportPortRequest& request, v1::ReportPortReply* reply);
     void Describe(v1::DaemonInfo* info) const;    // the options and the counts
 
+    // Lets the options hold from now on, and what reservations and HCAs derive from them. When reservations come into
+    // use by that, jobs are counted or end as by Restore.
+    void SetOptions(const OptionInfo& options);
+
     // Returns a state of its own, without a log, in which requests that name nothing else can be tried: with the
     // reservations that have these keys, own these GUIDs or have these jobs, and with their jobs.
     std::unique_ptr<ReservationState> MakeScratchCopy(NamedThings named) const;
@@ -123,7 +127,10 @@ private:
     void ReplyToRepeatedBegin(const v1::Job& running, const v1::Job& wanted, v1::BeginJobReply* reply) const;
     v1::BeginJobReply::Result Admit(std::unique_ptr<Job> job, v1::BeginJobReply* reply);
     std::unique_ptr<Job> ExtractJob(uint64_t job_id);
+    void TakeUpJobsOf(ReservationInfo* reservation);
     void CountJobsOf(ReservationInfo* reservation);
+    template <typename Change>
+    void ForEachCountedJob(Change change);
     void AddReservationEvent(v1::Event::Kind kind, const std::string& key);
     void AddJobEvent(v1::Event::Kind kind, const VeskJob& job);
     void Enter(std::unique_ptr<ReservationInfo> reservation, uint64_t id);

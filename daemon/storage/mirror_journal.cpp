@@ -77,12 +77,22 @@ MirrorJournal::MirrorJournal(const std::string& path, const StoreIdentity& store
     Fail(path, "cannot be opened", error);
 }
 
+std::optional<StoreIdentity> MirrorJournal::ReadStore(const std::string& path) try {
+    if (!std::filesystem::exists(path)) return std::nullopt;
+    SQLite::Database database = sqlite::OpenToRead(path);
+    SQLite::Statement row(database, "SELECT store_id, generation FROM meta");
+    if (!row.executeStep()) return std::nullopt;
+    return StoreIdentity{ColumnBytes(row, 0), ColumnUint64(row, 1)};
+} catch (const SQLite::Exception& error) {
+    Fail(path, "cannot be read", error);
+}
+
 JournalTrust MirrorJournal::JudgeTrust() {
     SQLite::Statement row(database_, "SELECT store_id, generation, boot_id, is_clean FROM meta");
     if (!row.executeStep()) return JournalTrust::kNone;
     // A store that was put back from a copy has a lower generation than the one the files were written from.
-    const bool is_of_store = ColumnBytes(row, 0) == store_.id && ColumnUint64(row, 1) < store_.generation;
-    if (!is_of_store) return JournalTrust::kNone;
+    is_of_other_store_ = ColumnBytes(row, 0) != store_.id || ColumnUint64(row, 1) >= store_.generation;
+    if (is_of_other_store_) return JournalTrust::kNone;
     const std::string boot_id = ColumnBytes(row, 2);
     const bool is_clean = ColumnUint64(row, 3) != 0;
     return is_clean || (!boot_id.empty() && boot_id == BootId()) ? JournalTrust::kFull : JournalTrust::kMachineDied;

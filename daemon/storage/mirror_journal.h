@@ -42,7 +42,15 @@ public:
     // the files are a mirror of.
     MirrorJournal(const std::string& path, const StoreIdentity& store);
 
+    // The store that a journal which nobody uses belongs to, and its generation then. Nothing when there is none.
+    // Throws StoreError.
+    static std::optional<StoreIdentity> ReadStore(const std::string& path);
+
     JournalTrust trust() const { return trust_; }
+
+    // It describes the files of another store, or of a later state of this one.
+    bool is_of_other_store() const { return is_of_other_store_; }
+
     std::map<std::string, JournalEntry> Read();    // by key
 
     // Adds these entries, by key, and has the journal believed from now on. Of other files, an entry that was not
@@ -68,6 +76,7 @@ private:
     const StoreIdentity store_;
     SQLite::Database database_;
     SQLite::Statement put_entry_, delete_entry_, put_intention_;
+    bool is_of_other_store_ = false;
     JournalTrust trust_;
 };
 

@@ -3,11 +3,21 @@
 #pragma once
 
 #include <SQLiteCpp/SQLiteCpp.h>
+#include <sqlite3.h>
 
 #include <cstdint>
 #include <string>
 
 namespace reservationd::sqlite {
+
+// Opens a database that nobody else uses, to be read only: its files stay as they are. Throws SQLite::Exception.
+inline SQLite::Database OpenToRead(const std::string& path) {
+    // SQLite cannot read a log that a crash has left without locking the files, which it must open for writing.
+    SQLite::Database database(path, SQLite::OPEN_READWRITE);
+    database.exec("PRAGMA locking_mode = EXCLUSIVE; PRAGMA query_only = 1");
+    sqlite3_db_config(database.getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    return database;
+}
 
 // Bytes that are no text.
 struct Blob {

@@ -1,5 +1,11 @@
 #include "daemon/storage/sqlite_store.h"
 
+#include <absl/strings/str_cat.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
 #include <utility>
 
 #include "daemon/storage/sqlite.h"
@@ -14,7 +20,7 @@ using sqlite::ColumnUint64;
 using sqlite::ForEachRow;
 using sqlite::Run;
 
-constexpr int kSchemaVersion = 2;
+constexpr int kSchemaVersion = 3;
 constexpr uint64_t kProbeSize = 4096;    // bytes
 
 constexpr char kSchema[] = R"(
@@ -23,10 +29,10 @@ constexpr char kSchema[] = R"(
     CREATE TABLE jobs (job_id INTEGER PRIMARY KEY, job BLOB NOT NULL, checksum INTEGER NOT NULL);
     CREATE TABLE events (sequence INTEGER PRIMARY KEY, event BLOB NOT NULL, checksum INTEGER NOT NULL);
     CREATE TABLE damaged (kind TEXT, name, content BLOB, found TEXT DEFAULT CURRENT_TIMESTAMP);
-    CREATE TABLE identity (id TEXT NOT NULL, generation INTEGER NOT NULL);
+    CREATE TABLE identity (id TEXT NOT NULL, generation INTEGER NOT NULL, revision INTEGER NOT NULL);
     CREATE TABLE probe (name TEXT PRIMARY KEY, content BLOB) WITHOUT ROWID;
-    INSERT INTO identity VALUES (lower(hex(randomblob(16))), 0);
-    PRAGMA user_version = 2;
+    INSERT INTO identity VALUES (lower(hex(randomblob(16))), 0, 0);
+    PRAGMA user_version = 3;
 )";
 
 [[noreturn]] void Fail(const std::string& path, const char* what, const SQLite::Exception& error) {
@@ -56,11 +62,36 @@ SQLite::Database Open(const std::string& path, Durability durability) {
     return database;
 }
 
-StoreIdentity NextGeneration(SQLite::Database& database) {
-    database.exec("UPDATE identity SET generation = generation + 1");
+StoreIdentity ReadIdentity(SQLite::Database& database) {
     SQLite::Statement row(database, "SELECT id, generation FROM identity");
-    row.executeStep();
+    if (!row.executeStep()) throw SQLite::Exception("its identity is missing");
     return {ColumnBytes(row, 0), ColumnUint64(row, 1)};
+}
+
+uint64_t ReadRevision(SQLite::Database& database) {
+    return static_cast<uint64_t>(database.execAndGet("SELECT revision FROM identity").getInt64());
+}
+
+std::string MarkPath(const std::string& path) { return path + "-mark"; }
+
+// See Store::loss.
+std::string FindLoss(SQLite::Database& database, const std::string& path) {
+    const std::optional<Mark> mark = StoreMark::Read(MarkPath(path));
+    if (!mark) return "";
+    const std::string id = ReadIdentity(database).id;
+    if (id != mark->store_id) return absl::StrCat("it is store ", id, ", and store ", mark->store_id, " is lost");
+    const uint64_t revision = ReadRevision(database);
+    if (revision >= mark->revision) return "";
+    return absl::StrCat("its last ", mark->revision - revision,
+                        " commits are lost: an older one was put back, it was cut, "
+                        "or the machine died");
+}
+
+// What is numbered and watched under the old id is not there any more after a loss.
+StoreIdentity BeginGeneration(SQLite::Database& database, bool has_loss) {
+    if (has_loss) database.exec("UPDATE identity SET id = lower(hex(randomblob(16)))");
+    database.exec("UPDATE identity SET generation = generation + 1");
+    return ReadIdentity(database);
 }
 
 // The checksum of a row covers its key, so that a row is not taken for another one's either.
@@ -95,6 +126,12 @@ void ForEachNumbered(SQLite::Database& database, const char* query, Handle handl
     });
 }
 
+// Old events are deleted many at a time: deleting one writes as much into the log as putting one.
+bool CompletesBlock(const std::map<uint64_t, std::string>& events) {
+    constexpr uint64_t kBlock = 64;
+    return !events.empty() && events.rbegin()->first / kBlock != (events.begin()->first - 1) / kBlock;
+}
+
 constexpr char kSelectJobs[] = "SELECT job_id, job, checksum FROM jobs ORDER BY job_id";
 constexpr char kSelectEvents[] = "SELECT sequence, event, checksum FROM events ORDER BY sequence";
 
@@ -105,14 +142,20 @@ SqliteStore::SqliteStore(const std::string& path, Durability durability, uint64_
       durability_(durability),
       kept_events_(kept_events),
       database_(Open(path, durability)),
-      identity_(NextGeneration(database_)),
+      loss_(FindLoss(database_, path)),
+      mark_(MarkPath(path)),
+      identity_(BeginGeneration(database_, !loss_.empty())),
+      files_(FindFiles()),
+      revision_(ReadRevision(database_)),
       put_reservation_(database_, "REPLACE INTO reservations VALUES (?, ?, ?, ?)"),
       delete_reservation_(database_, "DELETE FROM reservations WHERE key = ?"),
       put_job_(database_, "REPLACE INTO jobs VALUES (?, ?, ?)"),
       delete_job_(database_, "DELETE FROM jobs WHERE job_id = ?"),
       put_event_(database_, "INSERT INTO events VALUES (?, ?, ?)"),
       trim_events_(database_, "DELETE FROM events WHERE sequence <= (SELECT max(sequence) FROM events) - ?"),
-      put_probe_(database_, "REPLACE INTO probe VALUES ('probe', randomblob(?))") {
+      put_probe_(database_, "REPLACE INTO probe VALUES ('probe', randomblob(?))"),
+      put_revision_(database_, "UPDATE identity SET revision = ?") {
+    mark_.Write({identity_.id, revision_});
 } catch (const SQLite::Exception& error) {
     Fail(path, "cannot be opened", error);
 }
@@ -182,7 +225,7 @@ void SqliteStore::Commit(const StoreChanges& changes) {
         for (const auto& [sequence, event] : changes.events) {
             Run(put_event_, sequence, Blob{event}, Checksum(sequence, event));
         }
-        if (!changes.events.empty()) Run(trim_events_, kept_events_);
+        if (CompletesBlock(changes.events)) Run(trim_events_, kept_events_);
     });
 }
 
@@ -190,13 +233,50 @@ void SqliteStore::Probe() {
     InTransaction([this] { Run(put_probe_, kProbeSize); });
 }
 
+// Throws StoreError when one is not there.
+std::array<SqliteStore::FileId, 2> SqliteStore::FindFiles() const {
+    const auto find = [](const std::string& path) {
+        struct stat status {};
+        if (stat(path.c_str(), &status) != 0)
+            throw StoreError(path + ": the store is not there: " + std::strerror(errno));
+        return FileId(status.st_dev, status.st_ino);
+    };
+    return {find(path_), find(path_ + "-wal")};
+}
+
 template <typename Write>
 void SqliteStore::InTransaction(Write write) try {
     SQLite::Transaction transaction(database_, SQLite::TransactionBehavior::IMMEDIATE);
     write();
+    Run(put_revision_, revision_ + 1);
+    if (FindFiles() != files_) throw StoreError(path_ + ": the store was replaced while it was in use");
     transaction.commit();
+    mark_.Write({identity_.id, ++revision_});
 } catch (const SQLite::Exception& error) {
     Fail(path_, "cannot be written", error);
+}
+
+StoreReport CheckSqliteStore(const std::string& path) try {
+    SQLite::Database database = sqlite::OpenToRead(path);
+    StoreReport report{ReadIdentity(database), {}};
+    const std::string loss = FindLoss(database, path);
+    if (!loss.empty()) report.faults.push_back(loss);
+    ForEachRow(database, "PRAGMA integrity_check", [&](SQLite::Statement& row) {
+        if (ColumnBytes(row, 0) != "ok") report.faults.push_back(ColumnBytes(row, 0));
+    });
+    ForEachReservation(database, [&](const std::string& key, const StoredReservation&, bool is_good) {
+        if (!is_good) report.faults.push_back("reservation " + key + " is damaged");
+    });
+    const auto check_numbered = [&](const char* query, const char* kind) {
+        ForEachNumbered(database, query, [&](uint64_t number, const std::string&, bool is_good) {
+            if (!is_good) report.faults.push_back(absl::StrCat(kind, " ", number, " is damaged"));
+        });
+    };
+    check_numbered(kSelectJobs, "job");
+    check_numbered(kSelectEvents, "event");
+    return report;
+} catch (const SQLite::Exception& error) {
+    Fail(path, "cannot be read", error);
 }
 
 }    // namespace reservationd

@@ -23,7 +23,7 @@ public:
 
 // Which store this is, and how often it has been opened.
 struct StoreIdentity {
-    std::string id;    // random, given when the store was created
+    std::string id;    // random, 32 characters; given when the store was created, and anew after a loss
     uint64_t generation = 0;    // 1 when it was opened first, and 1 more each time
 
     bool operator==(const StoreIdentity&) const = default;
@@ -67,7 +67,12 @@ public:
     Store& operator=(const Store&) = delete;
     virtual ~Store() = default;
 
+    // The same from the start on. For any thread.
     virtual const StoreIdentity& identity() const = 0;
+
+    // What the store has lost since it was used last, as a sentence: it is another one, an older one, or was cut.
+    // Empty: nothing, as far as that can be known.
+    virtual const std::string& loss() const = 0;
 
     // What Commit promises when it returns.
     virtual Durability durability() const = 0;
@@ -79,7 +84,7 @@ public:
     // Throws StoreError when the store cannot be read.
     virtual StoreContents Read() = 0;
 
-    // Throws StoreError, with nothing changed, when the store cannot be written.
+    // Throws StoreError, with nothing changed, when the store cannot be written, or is not in its place any more.
     virtual void Commit(const StoreChanges& changes) = 0;
 
     // Tests that a commit would succeed, by committing 4 KiB of no meaning. Throws StoreError when it would not.

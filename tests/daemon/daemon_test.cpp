@@ -82,6 +82,26 @@ public:
         return Call(true, &ReservationState::CreateReservation, fields);
     }
     v1::BeginJobReply Begin(const std::string& fields) { return Call(true, &ReservationState::BeginJob, fields); }
+    bool IsRefused(const std::string& key) {
+        std::promise<Refusal> refusal;
+        const auto run = [&](ReservationState& state) {
+            v1::CreateReservationRequest request;
+            request.set_key(key);
+            request.add_guids(99);
+            v1::ReservationReply reply;
+            state.CreateReservation(request, &reply);
+        };
+        engine.Submit({true, run, [&](Refusal reason, const std::string&) { refusal.set_value(reason); }});
+        return refusal.get_future().get() == Refusal::kNotStored;
+    }
+    v1::DaemonInfo Info() {
+        v1::DaemonInfo info;
+        std::promise<void> done;
+        engine.Submit({false, [&](ReservationState&) { engine.Describe(&info); },
+                       [&](Refusal, const std::string&) { done.set_value(); }});
+        done.get_future().get();
+        return info;
+    }
     std::string ReportPort(const std::string& fields) {
         return Call(true, &ReservationState::ReportPort, fields).reservation_key();
     }
@@ -223,6 +243,53 @@ TEST_F(DaemonTest, ADamagedRowIsSetAsideAndEverythingElseIsThere) {
     expect_all_but_the_job();
     expect_all_but_the_job();
     EXPECT_EQ(SQLite::Database(store).execAndGet("SELECT count(*) FROM damaged").getInt(), 3);
+}
+
+// A copy is taken after A and B were made, and one of the copies of the files that make up the store is put back.
+TEST_F(DaemonTest, AStoreThatIsNotAsItWasLeftIsNoticed) {
+    const std::string store = PathOf("reservationd.sqlite");
+    std::string epoch;
+    const auto expect = [&](bool has_loss, const std::string& state) {
+        Daemon daemon(settings);
+        const v1::DaemonInfo info = daemon.Info();
+        EXPECT_EQ(info.warnings_size(), has_loss ? 1 : 0);
+        EXPECT_EQ(epoch != info.epoch(), has_loss);
+        EXPECT_EQ(daemon.State(), state);
+        epoch = info.epoch();
+    };
+    DieAfter(settings, [&](Daemon& daemon) {
+        daemon.Create("key: 'A' guids: 1");
+        for (const char* suffix : {"", "-wal"}) fs::copy_file(store + suffix, PathOf("copy") + suffix);
+        daemon.Begin("job_id: 7 guids: 1 trees: 2");
+    });
+    epoch = SQLite::Database(store).execAndGet("SELECT id FROM identity").getString();
+    expect(false, "A {1,} 2 trees, jobs 7\njob 7 of A\n");
+    const auto put_back = [&](const std::string& copy) {
+        fs::copy_file(copy, store, fs::copy_options::overwrite_existing);
+        fs::copy_file(copy + "-wal", store + "-wal", fs::copy_options::overwrite_existing);
+    };
+    put_back(PathOf("copy"));
+    EXPECT_EQ(FindFaultsOfStore(PathOf("")).size(), 2U);
+    expect(true, "A {1,} 0 trees, jobs\n");
+    EXPECT_EQ(FindFaultsOfStore(PathOf("")).size(), 0U);
+    expect(false, "A {1,} 0 trees, jobs\n");
+    fs::remove(store);
+    expect(true, "A {1,} 0 trees, jobs\n");
+    fs::remove(store);
+    fs::remove(store + "-mark");
+    expect(true, "A {1,} 0 trees, jobs\n");
+    Write(store, "");
+    expect(true, "A {1,} 0 trees, jobs\n");
+    expect(false, "A {1,} 0 trees, jobs\n");
+
+    Daemon daemon(settings);
+    for (const char* suffix : {"", "-wal"}) {
+        fs::rename(store + suffix, PathOf("moved"));
+        EXPECT_TRUE(daemon.IsRefused("B")) << suffix;
+        fs::rename(PathOf("moved"), store + suffix);
+        EXPECT_FALSE(daemon.IsRefused("B")) << suffix;
+    }
+    EXPECT_EQ(daemon.State(), "A {1,} 0 trees, jobs\nB {99,} 0 trees, jobs\n");
 }
 
 // Modes that count no job keep all of them, for the next start or reload that counts them again.

@@ -127,7 +127,7 @@ protected:
                                                " --socket DIR/" + socket + " " + options));
     }
 
-    std::unique_ptr<Program> Serve(const std::string& options = "--reservation-mode") const {
+    std::unique_ptr<Program> Serve(const std::string& options = "") const {
         auto daemon = Launch(options);
         daemon->WaitFor(" serves ");
         return daemon;
@@ -328,7 +328,7 @@ deleted reservation B, whose GUIDs are taken
 ended 1 job: 7
 )");
     daemon->WaitFor("Got a reservation update request");    // a record of level 4
-    reload("", "Option reservation-mode: 'true' becomes ");
+    reload("reservation-mode = false\n", "Option reservation-mode: 'true' becomes ");
     EXPECT_TRUE(Ctl("update A --add 4").starts_with("refused: STATUS_MODE_DISABLED"));
     EXPECT_TRUE(Ctl("job begin 8 --guids 1").starts_with("refused: RESULT_MODE_DISABLED"));
 }
@@ -497,7 +497,7 @@ TEST_F(ConnectedReplayTest, DaemonThatCannotBeUsedIsToldApartFromOneThatGoesAway
     EXPECT_EQ(Replay("--connect localhost:1"),
               "reservation-replay: --tls-ca is missing: localhost:1 is reached over TLS\nexit 2\n");
     EXPECT_EQ(Replay(kConnect + "--stop-after 3"), "reservation-replay: --stop-after excludes --connect\nexit 2\n");
-    auto daemon = Serve("");
+    auto daemon = Serve("--no-reservation-mode");
     EXPECT_EQ(Replay(kConnect), start + "the daemon runs without --reservation-mode\nexit 2\n");
 
     daemon.reset();

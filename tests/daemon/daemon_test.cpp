@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -22,6 +23,8 @@
 
 #include "daemon/engine/engine.h"
 #include "daemon/log_sink.h"
+#include "daemon/storage/file_mirror.h"
+#include "daemon/storage/mirror_journal.h"
 #include "daemon/storage/reservation_files.h"
 #include "tests/files.h"
 
@@ -62,6 +65,13 @@ class Daemon {
 public:
     explicit Daemon(const EngineSettings& settings) : engine(settings) {}
 
+    // Returns why the call was refused, or "".
+    std::string Run(bool changes_something, const std::function<void(ReservationState& state)>& run) {
+        std::promise<std::string> refusal;
+        engine.Submit({changes_something, run, [&](Refusal, const std::string& text) { refusal.set_value(text); }});
+        return refusal.get_future().get();
+    }
+
     template <typename Request, typename Reply>
     Reply Call(bool changes_something, void (ReservationState::*operation)(const Request&, Reply*),
                const std::string& fields) {
@@ -72,9 +82,7 @@ public:
             reply.Clear();
             (state.*operation)(request, &reply);
         };
-        std::promise<std::string> refusal;
-        engine.Submit({changes_something, run, [&](Refusal, const std::string& text) { refusal.set_value(text); }});
-        EXPECT_EQ(refusal.get_future().get(), "");
+        EXPECT_EQ(Run(changes_something, run), "");
         return reply;
     }
 
@@ -82,24 +90,15 @@ public:
         return Call(true, &ReservationState::CreateReservation, fields);
     }
     v1::BeginJobReply Begin(const std::string& fields) { return Call(true, &ReservationState::BeginJob, fields); }
-    bool IsRefused(const std::string& key) {
-        std::promise<Refusal> refusal;
-        const auto run = [&](ReservationState& state) {
-            v1::CreateReservationRequest request;
-            request.set_key(key);
-            request.add_guids(99);
-            v1::ReservationReply reply;
-            state.CreateReservation(request, &reply);
-        };
-        engine.Submit({true, run, [&](Refusal reason, const std::string&) { refusal.set_value(reason); }});
-        return refusal.get_future().get() == Refusal::kNotStored;
+    bool IsRefused(const std::string& fields) {
+        v1::CreateReservationRequest request;
+        google::protobuf::TextFormat::ParseFromString(fields, &request);
+        v1::ReservationReply reply;
+        return !Run(true, [&](ReservationState& state) { state.CreateReservation(request, &reply); }).empty();
     }
     v1::DaemonInfo Info() {
         v1::DaemonInfo info;
-        std::promise<void> done;
-        engine.Submit({false, [&](ReservationState&) { engine.Describe(&info); },
-                       [&](Refusal, const std::string&) { done.set_value(); }});
-        done.get_future().get();
+        Run(false, [&](ReservationState&) { engine.Describe(&info); });
         return info;
     }
     std::string ReportPort(const std::string& fields) {
@@ -245,7 +244,6 @@ TEST_F(DaemonTest, ADamagedRowIsSetAsideAndEverythingElseIsThere) {
     EXPECT_EQ(SQLite::Database(store).execAndGet("SELECT count(*) FROM damaged").getInt(), 3);
 }
 
-// A copy is taken after A and B were made, and one of the copies of the files that make up the store is put back.
 TEST_F(DaemonTest, AStoreThatIsNotAsItWasLeftIsNoticed) {
     const std::string store = PathOf("reservationd.sqlite");
     std::string epoch;
@@ -264,11 +262,7 @@ TEST_F(DaemonTest, AStoreThatIsNotAsItWasLeftIsNoticed) {
     });
     epoch = SQLite::Database(store).execAndGet("SELECT id FROM identity").getString();
     expect(false, "A {1,} 2 trees, jobs 7\njob 7 of A\n");
-    const auto put_back = [&](const std::string& copy) {
-        fs::copy_file(copy, store, fs::copy_options::overwrite_existing);
-        fs::copy_file(copy + "-wal", store + "-wal", fs::copy_options::overwrite_existing);
-    };
-    put_back(PathOf("copy"));
+    for (const char* suffix : {"", "-wal"}) fs::rename(PathOf("copy") + suffix, store + suffix);
     EXPECT_EQ(FindFaultsOfStore(PathOf("")).size(), 2U);
     expect(true, "A {1,} 0 trees, jobs\n");
     EXPECT_EQ(FindFaultsOfStore(PathOf("")).size(), 0U);
@@ -285,9 +279,9 @@ TEST_F(DaemonTest, AStoreThatIsNotAsItWasLeftIsNoticed) {
     Daemon daemon(settings);
     for (const char* suffix : {"", "-wal"}) {
         fs::rename(store + suffix, PathOf("moved"));
-        EXPECT_TRUE(daemon.IsRefused("B")) << suffix;
+        EXPECT_TRUE(daemon.IsRefused("key: 'B' guids: 99")) << suffix;
         fs::rename(PathOf("moved"), store + suffix);
-        EXPECT_FALSE(daemon.IsRefused("B")) << suffix;
+        EXPECT_FALSE(daemon.IsRefused("key: 'B' guids: 99")) << suffix;
     }
     EXPECT_EQ(daemon.State(), "A {1,} 0 trees, jobs\nB {99,} 0 trees, jobs\n");
 }
@@ -307,6 +301,10 @@ TEST_F(DaemonTest, JobsOutliveAStartWithoutReservationMode) {
         EXPECT_EQ(daemon.State(), "job 7 of A\n");
         daemon.engine.Reconfigure(settings);
         EXPECT_EQ(daemon.State(), state);
+        EngineSettings with_cap = settings;
+        with_cap.options.max_jobs_per_hca = 1;
+        daemon.engine.Reconfigure(with_cap);
+        EXPECT_EQ(daemon.Begin("job_id: 8 guids: 1 trees: 1").result(), v1::BeginJobReply::RESULT_LIMIT_EXCEEDED);
     }
     EXPECT_EQ(Daemon(settings).State(), state);
 }
@@ -329,6 +327,25 @@ TEST_F(DaemonTest, WhoReadsAFileGetsAllOfOneText) {
 
     fs::create_directory_symlink(PathOf("elsewhere"), PathOf("ignored"));
     EXPECT_THROW(files.SetAside("reservation.B"), std::system_error);
+}
+
+TEST_F(DaemonTest, TheMirrorIsNeverFarBehindAndLeavesNothingOfDeletedKeys) {
+    ReservationFiles files(PathOf(""));
+    MirrorJournal journal(PathOf("mirror.sqlite"), {"store", 1});
+    journal.Start({});
+    size_t most_dirty_keys = 0;
+    {
+        FileMirror mirror(files, journal);
+        const auto text = std::make_shared<const std::string>("text");
+        for (int i = 0; i < 50'000; ++i) {
+            mirror.WaitForRoom();
+            mirror.Put({{std::to_string(i), text}, {std::to_string(i - 2), nullptr}});
+            most_dirty_keys = std::max(most_dirty_keys, mirror.status().dirty_keys);
+        }
+    }
+    EXPECT_LE(most_dirty_keys, 10'300U);
+    EXPECT_EQ(FilesIn(""), "reservation.49998 reservation.49999 ");
+    EXPECT_EQ(journal.Read().size(), 2U);
 }
 
 TEST_F(DaemonTest, ADryRunTellsWhatWouldHappenAndDoesNothing) {

@@ -36,6 +36,11 @@ TEST(HostFault, ContainersAreTheTruth) {
     EXPECT_EQ(daemon.Delete("L"), VESK_STATUS_SUCCESS);
     EXPECT_EQ(RegistryFault(*daemon.manager), "");
     EXPECT_EQ(hcas.size(), 3U);
+
+    daemon.Run(1, "none", {1});
+    daemon.manager->reservations["none"] = nullptr;
+    daemon.manager->HandleAlreadyRunningJobsForAllReservations();
+    EXPECT_EQ(daemon.manager->reservations.erase("none"), 1U);
 }
 
 // The index changes before the record, the list after it and before the event.

@@ -11,6 +11,7 @@
 #include "host/hash_bytes.h"
 #include "host/log.h"
 #include "host/option_info.h"
+#include "messages/vesk_messages.h"
 
 namespace {
 
@@ -19,7 +20,11 @@ TEST(Host, IsThereWithoutADaemon) {
     g_event_manager->AddReservationUpdatedEvent("K");
     g_event_manager->AddReservationRemovedEvent("K");
     EXPECT_EQ(g_fabric->failed_reservation_requests, 0U);
-    EXPECT_EQ(g_option_info->persistent_dir, "/var/lib/reservation_manager");
+    const auto& [dir, max_jobs, mode, load, override, ending_jobs, by_pkeys, num_trees] = *g_option_info;
+    EXPECT_EQ(dir, "/var/lib/reservation_manager");
+    EXPECT_EQ(max_jobs, 0);
+    EXPECT_TRUE(load && !mode && !override && !ending_jobs && !by_pkeys);
+    EXPECT_EQ(num_trees, VESK_LIMIT_NOT_GIVEN);
 }
 
 TEST(Hash, IsTheStandardLibrarysOfStrings) {

@@ -20,7 +20,8 @@
 using GuidSet = std::set<uint64_t>;
 using Lines = std::vector<std::string>;
 
-// A call of the manager, or something that happens around it. Every kind looks at some of the fields: see kKinds.
+// A call of the manager, or something that happens around it. Every kind looks at some of the fields: see kKinds in
+// model_check.cpp.
 struct Operation {
     std::string kind = "";
     std::string key = "";

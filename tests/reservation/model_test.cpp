@@ -42,4 +42,12 @@ TEST(Model, IsFollowed) {
     std::cout << number << " sequences, " << num_steps << " steps compared" << std::endl;
 }
 
+// A job brings B the id that A would get.
+TEST(Model, IsFollowedWhereIdsCollide) {
+    EXPECT_EQ(Difference({{.kind = "run", .key = "B", .guids = {1}, .job = 1, .variant = 2},
+                          {.kind = "create", .key = "B", .guids = {1}},
+                          {.kind = "create", .key = "A", .guids = {2}}}),
+              "");
+}
+
 }    // namespace

@@ -158,15 +158,18 @@ TEST(OutOfMemory, Requests) {
     const auto create = [](TestDaemon& daemon) { return daemon.Create(kKey, {7, 2, 1}); };
     CheckRequest(false, 10, create);
     CheckRequest(true, 10, create);
+    CheckRequest(true, 3, [](TestDaemon& daemon) { return daemon.Delete(kKey); });
     EXPECT_EQ(
         g_records,
         (std::set<std::string>{
             "1 CreateReservationInfoFile: Not enough memory to write the reservation file of " + kKey + "\n",
+            "1 DeleteReservationInfoFile: Not enough memory to delete the reservation file of " + kKey + "\n",
             "1 DeleteReservationInfoFile: Not enough memory to delete the reservation file of " + kOther + "\n"}));
+    const size_t num_live = g_num_live;
     CheckRequest(true, 10, [](TestDaemon& daemon) { return daemon.Delta(kKey, {8, 4}, {2, 3}); });
     CheckRequest(true, 1, [](TestDaemon& daemon) { return daemon.Info(kKey, true); });
     CheckRequest(true, 1, [](TestDaemon& daemon) { return daemon.Info("", true); });
-    CheckRequest(true, 3, [](TestDaemon& daemon) { return daemon.Delete(kKey); });
+    EXPECT_EQ(g_num_live, num_live);
 }
 
 // A good file is not taken for a bad one, which would be deleted. Nothing stays allocated.
@@ -198,7 +201,7 @@ TEST(OutOfMemory, FilesBeyondAllSizes) {
     TestDaemon daemon;
     daemon.Create("K", {1});
     daemon.Take();
-    for (const auto& [key, size] : {std::pair{"huge", uint64_t{100} << 30}, {"beyond", (uint64_t{1} << 37) + 1}}) {
+    for (const auto& [key, size] : {std::pair{"huge", uint64_t{1} << 37}, {"beyond", (uint64_t{1} << 37) + 1}}) {
         Write(daemon.PathOf(key), "");
         std::filesystem::resize_file(daemon.PathOf(key), size);
     }

@@ -72,13 +72,15 @@ TEST(Message, RefusesWhatPackingDoesNotWrite) {
     ASSERT_EQ(Sealed(good), good);
     // Each puts something else in the place of what the text holds; $ is a newline.
     std::istringstream faults(
-        "info 1>info 2|guids 2>guids 1|guids 2>guids 3|guids 2>guids 4294967295|guids 2>guids 02|guids 2>guids +2|"
-        "num_guids 2$>|guid 0x0000000000000002$>|0000002$>0000002$guid 0x0000000000000002$|0x0000000000000002>2|"
-        "0x7fff>0x7FFF|0x7fff>0x17fff|0x7fff>0x7ff|0x7fff>32767|state 1>state  1|state 1>state 4294967296|state 1$>|"
-        "state 1$>state 1$state 1$|state 1$>state 1 $|state 1$>state 1\r$|created 255>created 256|created 255>created "
-        "-1|"
-        "auto_created 255$>|255$>255$$|64 none>64 4294967295|64 none>64 None|64 none>64|64 none>64 none none|"
-        "a\\\\b>a\\b|\\x01>\\x5c|\\x01>\\x61|\\x01>\\x00|a\\\\b>a\x02|\\x01>\\x1|\\x01>\\|a\\\\b>" +
+        "info 1>info 2|vesk_reservation_info 1>|vesk_reservation_info 1$>|guids 2>guids 1|guids 2>guids 3|"
+        "guids 2>guids 4294967295|guids 2>guids 02|guids 2>guids +2|num_guids 2$>|"
+        "num_guids 2$guid 0x0000000000000001$guid 0x0000000000000002$>num_guids 9$|guid 0x0000000000000002$>|"
+        "0000002$>0000002$guid 0x0000000000000002$|0x0000000000000002>2|000000002$>$|"
+        "0x0000000000000002>0x0000000g00000002|0x7fff>0x7FFF|0x7fff>0x17fff|0x7fff>0x7ff|0x7fff>32767|"
+        "state 1>state  1|state 1>state 4294967296|state 1$>|state 1$>state 1$state 1$|state 1$>state 1 $|"
+        "state 1$>state 1\r$|created 255>created 256|created 255>created -1|auto_created 255$>|255$>255$$|"
+        "64 none>64 4294967295|64 none>64 None|64 none>64none|64 none>64|64 none>64 none none|a\\\\b>a\\b|"
+        "\\x01>\\x5c|\\x01>\\x61|\\x01>\\x00|a\\\\b>a\x02|\\x01>\\x1|\\x01>\\|a\\\\b>" +
         std::string(256, 'k'));
     for (std::string fault; std::getline(faults, fault, '|');) {
         for (char& c : fault) c = c == '$' ? '\n' : c;
@@ -189,6 +191,9 @@ TEST(Purge, NeedsADirectory) {
         daemon.manager->DeleteAllPersistentReservationFiles();
     }
     daemon.options.persistent_dir = dir;
+    EXPECT_EQ(daemon.manager->ChechIfDirExists(dir), 0);
+    EXPECT_EQ(daemon.manager->ChechIfDirExists("missing"), 1);
+    EXPECT_EQ(daemon.manager->ChechIfDirExists(dir + "/other"), -1);
     EXPECT_EQ(daemon.Take(), R"(
 3 DeleteAllPersistentReservationFiles: Deleting all persistent reservation files from directory: DIR/missing
 
@@ -199,6 +204,9 @@ TEST(Purge, NeedsADirectory) {
 1 ChechIfDirExists: Failed to open directory: DIR/other - Not a directory
 
 3 DeleteAllPersistentReservationFiles: Deleted 0 persistent reservation files
+3 ChechIfDirExists: Persistent directory at missing does not exist
+1 ChechIfDirExists: Failed to open directory: DIR/other - Not a directory
+
 )");
 }
 

@@ -84,7 +84,7 @@ protected:
         std::cout.rdbuf(before[1]);
         std::cerr.rdbuf(before[2]);
         const std::string text =
-            Replaced(Replaced(output.str(), dir_.path(), "DIR"), "Removed guids from .*", "REASON");
+            Replaced(Replaced(output.str(), dir_.path(), "DIR"), "(daemon|ended|its reservation): .*", "$1: REASON");
         return Replaced(text, "\\d{4}-\\d\\d-\\d\\dT[0-9:]{8}Z", "TIME") +
                (status == 0 ? "" : "exit " + std::to_string(status) + "\n");
     }
@@ -196,7 +196,7 @@ I     0x1     1  0 of unlimited     0  0x12
 TEST_F(CtlTest, EveryReplyIsShownInWords) {
     WriteFile("hosts", "# hosts of rack 7\n0x30-0x31, 50 # 0x33\n\n0200:0000:00a1:b2c0\r\n");
     ExpectSession(
-        R"($ create größe --pkey 0x8001 --guids 19,0x10-0x12 --guids @DIR/hosts --guids - --num-trees 8 --limit limit0=3 <<< 0x40 65 # 66
+        R"($ create größe --pkey 0x8001 --guids 19,0x10-0x12 --guids @DIR/hosts --guids - --num-trees 8 --limit limit0=0 <<< 0x40 65 # 66
 in force:
 KEY      PKEY  HCAS   TREES  JOBS  GUIDS
 größe  0x8001    10  0 of 8     0  0x10-0x13,0x30-0x32,0x40-0x41,0x200000000a1b2c0
@@ -215,11 +215,17 @@ id               9134505343215937736
 state            active
 pkey             0x8001
 made from pkeys  no
-limits           limit0=3,num_trees=8
+limits           limit0=0,num_trees=8
 trees            6 of 8
 jobs             7
 HCAs             10
 GUIDs            0x10-0x13,0x30-0x32,0x40-0x41,0x200000000a1b2c0
+$ update größe --add 0x11
+refused: STATUS_DUPLICATE_GUID: a GUID is listed twice, or is to be added and is in the reservation already
+  the daemon: REASON
+  in the way: GUID 0x11, reservation größe
+  what helps: leave that GUID out
+exit 1
 $ update größe --remove 0x11
 in force:
 KEY      PKEY  HCAS   TREES  JOBS  GUIDS
@@ -257,10 +263,31 @@ next event: 1
 )");
 }
 
+TEST_F(CtlTest, EveryReplyIsShownAsJson) {
+    const std::pair<const char*, const char*> replies[] = {
+        {"create A --pkey 1 --guids 1", "\\{\n \"status\": \"STATUS_SUCCESS\",\n[^]*\\}\n"},
+        {"create A --pkey 2 --guids 1",
+         "\\{[^]*\"STATUS_PKEY_MISMATCH\"[^]*\\}\nrefused: STATUS_PKEY_MISMATCH: [^]*exit 1\n"},
+        {"job begin 7 --guids 1", "\\{[^]*\"RESULT_ADMITTED\"[^]*\"reservationKey\": \"A\"[^]*\\}\n"},
+        {"job begin 7 --guids 9",
+         "\\{[^]*\"RESULT_ALREADY_RUNNING\"[^]*\\}\nrefused: RESULT_ALREADY_RUNNING: [^]*exit 1\n"},
+        {"job list", "\\{\n \"jobs\": [^]*\"jobId\": \"7\"[^]*\\}\n"},
+        {"job end 7", "\\{\n \"wasRunning\": true\n\\}\n"},
+        {"show A", "\\{[^]*\"guids\": \\[\n *\"1\"\n *\\][^]*\\}\n"},
+        {"show B", "\\{[^]*\"STATUS_NOT_FOUND\"[^]*\\}\nrefused: STATUS_NOT_FOUND: [^]*exit 1\n"},
+        {"watch --from 1 --count 1", "\\{.*\"KIND_NONE\".*\\}\n\\{.*\"KIND_RESERVATION_CREATED\".*\\}\n"}};
+    for (const auto& [command, expected] : replies) {
+        const std::string output = Ctl(command + std::string(" --json"));
+        EXPECT_TRUE(std::regex_match(output, std::regex(expected))) << command << ": " << output;
+    }
+}
+
 TEST_F(CtlTest, EveryFaultIsNamedAndChangesNothing) {
     Ctl("create A --pkey 1 --guids 1");
     WriteFile("guids", "0x30\n0x31,zz-2\n");
     WriteFile("empty", "");
+    WriteFile("number", "{\"reservations\": 7}");
+    WriteFile("list", "[]");
     WriteFile("deep", std::string(300'000, '['));
     WriteFile("refused", R"({"status": "STATUS_MODE_DISABLED", "reservations": []})");
     const std::pair<const char*, const char*> faulty_declarations[] = {
@@ -281,6 +308,8 @@ TEST_F(CtlTest, EveryFaultIsNamedAndChangesNothing) {
     std::vector<std::pair<std::string, std::string>> faults = {
         {"apply DIR/none", "DIR/none: cannot be read: No such file or directory"},
         {"apply DIR/empty", "DIR/empty: parse error at line 1, .*"},
+        {"apply DIR/number", "DIR/number: is not an object with an array \"reservations\""},
+        {"apply DIR/list", "DIR/list: is not an object with an array \"reservations\""},
         {"apply DIR/deep", "DIR/deep: has more than 16 levels"},
         {"apply DIR/refused", "DIR/refused: is the answer to a refused request: \"STATUS_MODE_DISABLED\""},
         {"apply -", "standard input is the file and cannot answer a question, too: give --yes or --dry-run"},
@@ -300,6 +329,8 @@ TEST_F(CtlTest, EveryFaultIsNamedAndChangesNothing) {
         {"job begin 1 --guids 1 --planes 0", "--planes: '0' is not a number from 1 to 255"},
         {"pkeys report 1 1 --pkeys 1,,2", "--pkeys: '' is not a number from 0 to 65535"},
         {"pkeys report 1 256 --pkeys none", "PORT: '256' is not a number from 0 to 255"},
+        {"watch --count 0", "--count: '0' is not a number from 1 to 18446744073709551615"},
+        {"watch --from 0", "--from: '0' is not a number from 1 to 18446744073709551615"},
         {"--timeout 0 list", "--timeout: '0' is not a number from 1 to 86400"},
         {"--tls-key x list", "--tls-key: unix:DIR/socket is not reached over TLS"},
         {"", "the command is missing; see --help"}};

@@ -26,21 +26,20 @@ while [ $# -gt 0 ]; do
 done
 
 install_packages "${PACKAGES[@]}" libbenchmark-dev
-cmake --preset release -B build/load -DRESERVATION_BUILD_BENCHMARKS=ON -DRESERVATION_BUILD_TESTS=OFF \
-    -DRESERVATION_BUILD_REPLAY=OFF >&2
-cmake --build build/load --target reservationd daemon_load >&2
+configure release -DRESERVATION_BUILD_BENCHMARKS=ON
+cmake --build --preset release --target reservationd daemon_load >&2
 
 mkdir -p "$dir"
 dir=$(mktemp -d "$(realpath "$dir")/daemon_load.XXXXXX")
 daemon=
 trap '[ -z "$daemon" ] || kill "$daemon" 2>/dev/null || true; wait; rm -rf "$dir"' EXIT
-build/load/daemon/reservationd --config /dev/null --reservation-mode --persistent-dir "$dir/state" --socket "$dir/socket" \
+build/release/daemon/reservationd --config /dev/null --reservation-mode --persistent-dir "$dir/state" --socket "$dir/socket" \
     --log "$dir/log" --durability "$durability" &
 daemon=$!
 until [ -S "$dir/socket" ]; do
     kill -0 "$daemon"
     sleep 0.02
 done
-build/load/benchmarks/daemon_load --address "unix:$dir/socket" "${arguments[@]}"
+build/release/benchmarks/daemon_load --address "unix:$dir/socket" "${arguments[@]}"
 kill "$daemon"
 wait "$daemon"

@@ -208,9 +208,9 @@ void Engine::Submit(Call call) {
             refusal = Refusal::kTooManyCalls;
         } else {
             calls_.push_back(std::move(call));
+            return;
         }
     }
-    if (refusal == Refusal::kNone) return;
     call.done(refusal, refusal == Refusal::kStopping ? "the daemon is stopping" : "too many calls are waiting");
 }
 
@@ -304,7 +304,7 @@ std::string Engine::ExecuteBatch(std::vector<Call>& batch) {
     const bool is_reading =
         std::none_of(batch.begin(), batch.end(), [](const Call& call) { return call.changes_something; });
     if (!store_is_writable_ && !is_reading) {
-        const std::string fault = ProbeStore();
+        std::string fault = ProbeStore();
         if (!fault.empty()) return fault;
     }
     if (!is_reading) mirror_->WaitForRoom();
@@ -332,7 +332,7 @@ void Engine::Commit() {
 
 // Publishes a committed batch, to the mirror and to watchers. Nothing may fail here, as the commit cannot be taken
 // back.
-void Engine::PublishCommitted(StoreChanges stored, const std::vector<v1::Event>& events) noexcept {
+void Engine::PublishCommitted(StoreChanges&& stored, const std::vector<v1::Event>& events) noexcept {
     failed_requests_ = state_->failed_requests();
     std::map<std::string, FileText> texts;
     for (auto& [key, reservation] : stored.reservations) {

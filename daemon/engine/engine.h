@@ -104,7 +104,7 @@ private:
     std::string ExecuteBatch(std::vector<Call>& batch);
     std::string ProbeStore();
     void Commit();
-    void PublishCommitted(StoreChanges stored, const std::vector<v1::Event>& events) noexcept;
+    void PublishCommitted(StoreChanges&& stored, const std::vector<v1::Event>& events) noexcept;
     void RollBack(const std::string& reason);
 
     EngineSettings settings_;

@@ -17,7 +17,7 @@ namespace {
 constexpr uint64_t kMaxUint64 = std::numeric_limits<uint64_t>::max();
 
 absl::Status ValidateKeyField(std::string_view key) {
-    const absl::Status status = util::ValidateKey(key);
+    absl::Status status = util::ValidateKey(key);
     if (status.ok()) return status;
     return absl::InvalidArgumentError(absl::StrCat("key '", util::TruncateForMessage(key), "' ", status.message(),
                                                    ", so it cannot name a reservation file"));

@@ -149,14 +149,9 @@ $ update A --add 0x18 --remove 0x17
 in force:
 KEY    PKEY  HCAS   TREES  JOBS  GUIDS
 A    0x8001     8  2 of 4     1  0x10-0x16,0x18
-$ job list
-JOB  RESERVATION  PLANES  TREES  COUNTED  HCAS  GUIDS
-  7  A                 2      1  yes         2  0x10-0x11
 )");
-    const std::string facts = Ctl("status") + Ctl("show A");
-    for (const char* fact :
-         {"store  *DIR/state", "reserved HCAs  *8", "events kept  *1 to 2", "id  *6919333181322027406", "pkey  *0x8001",
-          "limits  *num_trees=4", "jobs  *7", "GUIDs  *0x10-0x16,0x18"}) {
+    const std::string facts = Ctl("status");
+    for (const char* fact : {"store  *DIR/state", "reserved HCAs  *8", "jobs  *1", "events kept  *1 to 2"}) {
         EXPECT_TRUE(std::regex_search(facts, std::regex(fact + std::string("\n")))) << fact << " in " << facts;
     }
     WriteFile("backup", Ctl("list --json"));
@@ -166,11 +161,9 @@ $ delete A
 deleted:
 KEY    PKEY  HCAS   TREES  JOBS  GUIDS
 A    0x8001     8  0 of 4     0  0x10-0x16,0x18
-$ apply DIR/backup --yes
-1. create A: pkey 0x8001, limits num_trees=4, 8 GUIDs (0x10-0x16,0x18)
-1 step, ending 0 jobs
-done: create A: pkey 0x8001, limits num_trees=4, 8 GUIDs (0x10-0x16,0x18)
-$ apply DIR/backup
+)");
+    Ctl("apply DIR/backup --yes");
+    ExpectSession(R"($ apply DIR/backup
 nothing to change: 1 reservation as declared
 $ list
 KEY    PKEY  HCAS   TREES  JOBS  GUIDS
@@ -207,19 +200,11 @@ TEST_F(EndToEndTest, EveryRefusalSaysWhyAndChangesNothing) {
         {"job begin 7 --guids 0x10", "RESULT_ALREADY_RUNNING: .*exit 1"},
         {"watch --from 9", "event 9 is not there.*, the next one to happen 3\nexit 1"},
         {"create C --pkey 1 --guids 0x100-0x5000", "nothing has been changed: .* 65536.*exit 1"},
-        {"create a/b --pkey 1 --guids 1", "key 'a/b' contains a slash.*exit 2"},
-        {"create C --pkey 0x10000 --guids 1", "--pkey: .*0x10000.*exit 2"}};
+        {"create a/b --pkey 1 --guids 1", "key 'a/b' contains a slash.*exit 2"}};
     for (const auto& [command, expected] : refusals) {
         const std::string output = Replaced(Ctl(command), "\n", "@");
         EXPECT_TRUE(std::regex_search(output, std::regex(Replaced(expected, "\n", "@")))) << command << ": " << output;
     }
-    const auto stub = Connect(Address());
-    v1::ReservationReply reply;
-    const auto fault_of_key = [&](const std::string& key) {
-        return Call(*stub, &Stub::DeleteReservation, RequestFor<v1::DeleteReservationRequest>(key), &reply);
-    };
-    EXPECT_EQ(fault_of_key(std::string(244, 'k')).error_code(), grpc::StatusCode::INVALID_ARGUMENT);
-    EXPECT_FALSE(fault_of_key("\xff").ok());    // no message: its text is not UTF-8
     EXPECT_EQ(Ctl("list --json"), before);
 }
 

@@ -34,6 +34,8 @@ struct Operation {
     uint32_t trees = 1;
     unsigned variant = 0;
 
+    bool operator==(const Operation&) const = default;
+
     // The reservation id of a job that has one of its own.
     uint64_t OwnId() const { return job % 3 == 0 ? 0 : std::hash<std::string>()("A"); }
 

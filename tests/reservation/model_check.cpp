@@ -153,14 +153,9 @@ private:
     bool Chance(unsigned percent) { return Below(100) < percent; }
 
     std::string SomeKind() {
-        size_t total = 0;
-        for (const auto& [name, kind] : kKinds) total += kind.weight;
-        size_t place = Below(total);
-        for (const auto& [name, kind] : kKinds) {
-            if (place < kind.weight) return name;
-            place -= kind.weight;
-        }
-        return "";
+        Lines kinds;
+        for (const auto& [name, kind] : kKinds) kinds.insert(kinds.end(), kind.weight, name);
+        return kinds[Below(kinds.size())];
     }
 
     std::string SomeOption() {
@@ -311,7 +306,7 @@ std::string Difference(const Sequence& sequence) {
 Sequence Shrunk(Sequence sequence) {
     bool has_shrunk = true;
     const auto try_instead = [&](const Sequence& candidate) {
-        if (Difference(candidate).empty()) return false;
+        if (candidate == sequence || Difference(candidate).empty()) return false;
         sequence = candidate;
         return has_shrunk = true;
     };
@@ -320,25 +315,23 @@ Sequence Shrunk(Sequence sequence) {
         list.erase(first, first + static_cast<std::ptrdiff_t>(std::min(count, list.size() - at)));
         return list;
     };
-    const auto simplify = [&](size_t i, auto field) {
+    const auto try_field = [&](size_t i, auto field, const auto& value) {
         Sequence candidate = sequence;
-        if (std::exchange(candidate[i].*field, Operation().*field) != Operation().*field) try_instead(candidate);
+        candidate[i].*field = value;
+        return try_instead(candidate);
     };
+    const auto try_usual = [&](size_t i, auto... fields) { (try_field(i, fields, Operation().*fields), ...); };
     while (std::exchange(has_shrunk, false)) {
         for (size_t chunk = sequence.size(); chunk > 0; chunk /= 2) {
             for (size_t at = 0; at < sequence.size();) at += try_instead(without(sequence, at, chunk)) ? 0 : chunk;
         }
         for (size_t i = 0; i < sequence.size(); ++i) {
-            for (Guids Operation::*const list : {&Operation::guids, &Operation::more}) {
-                for (size_t at = 0; at < (sequence[i].*list).size();) {
-                    Sequence candidate = sequence;
-                    candidate[i].*list = without(sequence[i].*list, at, 1);
-                    if (!try_instead(candidate)) ++at;
-                }
+            for (const auto list : {&Operation::guids, &Operation::more}) {
+                for (size_t at = 0; at < (sequence[i].*list).size();)
+                    at += try_field(i, list, without(sequence[i].*list, at, 1)) ? 0U : 1U;
             }
-            const auto simplify_all = [&](auto... fields) { (simplify(i, fields), ...); };
-            simplify_all(&Operation::key, &Operation::pkey, &Operation::limits, &Operation::job, &Operation::planes,
-                         &Operation::trees, &Operation::variant, &Operation::guids, &Operation::more);
+            try_usual(i, &Operation::key, &Operation::pkey, &Operation::limits, &Operation::job, &Operation::planes,
+                      &Operation::trees, &Operation::variant);
         }
     }
     return sequence;

@@ -159,5 +159,4 @@ private:
     mutable int num_replies_ = 0;
     mutable uint32_t status_ = 0;
     mutable std::string seen_;
-    mutable bool muted_ = false;
 };

@@ -134,6 +134,9 @@ TEST(Load, DeletesBadFilesAndGoesOn) {
     fs::create_directory(daemon.PathOf("directory"));
     fs::create_symlink("nowhere", daemon.PathOf("dangling"));
     mkfifo(daemon.PathOf("pipe").c_str(), 0600);
+    vesk_dov_msg* msg = nullptr;
+    for (const char* key : {"15", "16", "nul", "directory", "dangling", "pipe"})
+        EXPECT_EQ(daemon.manager->BuildDataFromReservationFile(daemon.PathOf(key).c_str(), msg), -1) << key;
     daemon.Take();
     log_set_level(2);
     daemon.manager->ReadPersistentReservationInfoFiles();
@@ -181,10 +184,12 @@ TEST(Load, LeavesTooLongPathsAlone) {
     EXPECT_EQ(daemon.FileNames(), " ab");
 }
 
-TEST(Purge, NeedsADirectory) {
+TEST(LoadAndPurge, NeedADirectory) {
     TestDaemon daemon;
-    daemon.options.reservation_auto_by_pkeys = true;
     const std::string dir = daemon.options.persistent_dir;
+    daemon.options.persistent_dir += "/missing";
+    daemon.manager->ReadPersistentReservationInfoFiles();
+    daemon.options.reservation_auto_by_pkeys = true;
     Write(dir + "/other", "");
     for (const char* directory : {"/missing", "/other"}) {
         daemon.options.persistent_dir = dir + directory;
@@ -195,6 +200,9 @@ TEST(Purge, NeedsADirectory) {
     EXPECT_EQ(daemon.manager->ChechIfDirExists("missing"), 1);
     EXPECT_EQ(daemon.manager->ChechIfDirExists(dir + "/other"), -1);
     EXPECT_EQ(daemon.Take(), R"(
+3 ReadPersistentReservationInfoFiles: Checking persistent directory for reservation files
+
+3 ChechIfDirExists: Persistent directory at DIR/missing does not exist
 3 DeleteAllPersistentReservationFiles: Deleting all persistent reservation files from directory: DIR/missing
 
 3 ChechIfDirExists: Persistent directory at DIR/missing does not exist

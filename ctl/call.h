@@ -14,8 +14,7 @@ namespace reservationctl {
 namespace v1 = reservation::v1;
 using client::Client;
 
-// What a call that failed with this status ends the program with: kNoDaemon when nobody answers in time, kWrongUsage
-// when the daemon finds the request malformed, and kRefused otherwise.
+// What a call that failed with this status ends the program with.
 Error ErrorOf(const absl::Status& status, const Client& client);
 
 // The reply, which may be a refusal by the manager. Throws ErrorOf() where there is none.

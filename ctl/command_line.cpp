@@ -22,7 +22,8 @@ constexpr char kDescription[] = "Makes, changes and shows the reservations of a 
 constexpr char kFooter[] =
     "LIST is a list of GUIDs: 0x10,0x12 or 0x10-0x1f, or @FILE, or - for standard input; the option can be "
     "repeated.\n\n"
-    "Exit status: 0 done, 1 refused, 2 wrong usage, 3 no daemon.\n\n"
+    "Exit status: 0 done, 1 refused, 2 wrong usage, 3 no daemon, 4 not allowed, or no TLS connection, 5 try again "
+    "later,\n6 no such reservation, 7 changed meanwhile.\n\n"
     "Examples:\n"
     "  reservationctl create appA --pkey 0x8001 --guids 0x10-0x1f --num-trees 4\n"
     "  reservationctl update appA --add @new-hosts --remove 0x10 --dry-run\n"

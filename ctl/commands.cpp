@@ -38,10 +38,7 @@ ExitStatus PrintChange(const Client& client, const Request& request, Format form
     const v1::ReservationReply reply = Call(client, request);
     const bool is_done = IsCarriedOut(reply);
     if (format == Format::kJson) PrintJson(reply);
-    if (!is_done) {
-        std::cerr << "refused: " << DescribeRefusal(reply);
-        return ExitStatus::kRefused;
-    }
+    if (!is_done) return ReportRefusal(reply);
     if (format == Format::kText) {
         std::cout << (request.dry_run() ? "would be " : "") << done << ":\n"
                   << DescribeInTable(reply.reservations()) << Describe(reply.consequences(), request.dry_run());
@@ -53,10 +50,7 @@ ExitStatus PrintReservations(const Client& client, const v1::GetReservationsRequ
                              std::string (*describe)(const v1::ReservationReply& reply)) {
     const v1::ReservationReply reply = CallForAllPages(client, request);
     if (format == Format::kJson) PrintJson(reply);
-    if (reply.status() != v1::STATUS_SUCCESS) {
-        std::cerr << "refused: " << DescribeRefusal(reply);
-        return ExitStatus::kRefused;
-    }
+    if (reply.status() != v1::STATUS_SUCCESS) return ReportRefusal(reply);
     if (format == Format::kText) std::cout << describe(reply);
     return ExitStatus::kDone;
 }
@@ -101,10 +95,7 @@ ExitStatus BeginJob(const Client& client, const v1::BeginJobRequest& request, Fo
     const v1::BeginJobReply reply = Call(client, request);
     const bool is_admitted = reply.result() == v1::BeginJobReply::RESULT_ADMITTED;
     if (format == Format::kJson) PrintJson(reply);
-    if (!is_admitted) {
-        std::cerr << "refused: " << DescribeRefusal(reply);
-        return ExitStatus::kRefused;
-    }
+    if (!is_admitted) return ReportRefusal(reply);
     if (format == Format::kText) {
         std::cout << "job " << request.job_id() << " admitted to reservation "
                   << util::Printable(reply.reservation_key()) << ", id " << reply.reservation_id() << "\n";

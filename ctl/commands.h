@@ -13,8 +13,8 @@ namespace reservationctl {
 // in both cases.
 enum class Format { kText, kJson };
 
-// Each sends its request, prints the reply to standard output, and returns kDone, or kRefused when the manager refuses.
-// Throws what Client throws.
+// Each sends its request, prints the reply to standard output, and returns kDone, or what ReportRefusal()
+// does when the manager refuses. Throws what Call() throws.
 ExitStatus CreateReservation(const Client& client, const v1::CreateReservationRequest& request, Format format);
 ExitStatus UpdateReservation(const Client& client, const v1::UpdateReservationRequest& request, Format format);
 ExitStatus DeleteReservation(const Client& client, const v1::DeleteReservationRequest& request, Format format);

@@ -10,9 +10,13 @@ namespace reservationctl {
 // The program's exit status. Scripts rely on the numbers.
 enum class ExitStatus {
     kDone = 0,
-    kRefused = 1,
+    kRefused = 1,    // by the manager, by the person asked, or anything that has no number of its own
     kWrongUsage = 2,
     kNoDaemon = 3,
+    kNotAllowed = 4,    // or no TLS connection comes about, since the certificates do not fit
+    kTryLater = 5,    // the daemon has no room for more calls, or for data; nothing has been changed
+    kNoSuchReservation = 6,
+    kChangedMeanwhile = 7,    // between a plan and its execution; nothing has been changed
 };
 
 // Ends the program with this status. The message is complete: it names the option, file, line or address at fault.

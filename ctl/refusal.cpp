@@ -3,6 +3,7 @@
 #include <absl/strings/str_join.h>
 #include <fmt/format.h>
 
+#include <iostream>
 #include <string_view>
 #include <vector>
 
@@ -114,6 +115,19 @@ std::string DescribeRefusal(const v1::ReservationReply& reply) {
 
 std::string DescribeRefusal(const v1::BeginJobReply& reply) {
     return Describe(v1::BeginJobReply::Result_Name(reply.result()), Explain(reply.result()), reply.reason(), {});
+}
+
+// An update of a reservation that is not there has an invalid key. This program sends no other that is invalid.
+ExitStatus ReportRefusal(const v1::ReservationReply& reply) {
+    std::cerr << "refused: " << DescribeRefusal(reply);
+    const bool is_missing = reply.status() == v1::STATUS_NOT_FOUND || reply.status() == v1::STATUS_INVALID_KEY;
+    return is_missing ? ExitStatus::kNoSuchReservation : ExitStatus::kRefused;
+}
+
+ExitStatus ReportRefusal(const v1::BeginJobReply& reply) {
+    std::cerr << "refused: " << DescribeRefusal(reply);
+    const bool is_missing = reply.result() == v1::BeginJobReply::RESULT_NO_RESERVATION;
+    return is_missing ? ExitStatus::kNoSuchReservation : ExitStatus::kRefused;
 }
 
 }    // namespace reservationctl

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "ctl/errors.h"
 #include "reservation/v1/reservation.pb.h"
 
 namespace reservationctl {
@@ -16,5 +17,9 @@ bool IsCarriedOut(const reservation::v1::ReservationReply& reply);
 // is one of a request that was refused or ignored.
 std::string DescribeRefusal(const reservation::v1::ReservationReply& reply);
 std::string DescribeRefusal(const reservation::v1::BeginJobReply& reply);
+
+// Prints such a description to standard error. Returns kNoSuchReservation where that is why, else kRefused.
+ExitStatus ReportRefusal(const reservation::v1::ReservationReply& reply);
+ExitStatus ReportRefusal(const reservation::v1::BeginJobReply& reply);
 
 }    // namespace reservationctl

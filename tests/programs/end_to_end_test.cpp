@@ -188,14 +188,14 @@ TEST_F(EndToEndTest, EveryRefusalSaysWhyAndChangesNothing) {
     const std::pair<const char*, const char*> refusals[] = {
         {"update A --add 0x17", "STATUS_DUPLICATE_GUID: .*GUID 0x17, reservation A\n.*exit 1"},
         {"update A --add 0x20", "STATUS_GUID_RESERVED: .*GUID 0x20, reservation B\n.*exit 1"},
-        {"update none --add 1", "STATUS_INVALID_KEY: .*could not find such an existing reservation.*exit 1"},
+        {"update none --add 1", "STATUS_INVALID_KEY: .*could not find such an existing reservation.*exit 6"},
         {"update A --remove 0x20", "STATUS_INVALID_GUIDS: .*not part of the reservation.*exit 1"},
-        {"show none", "STATUS_NOT_FOUND: .*exit 1"},
+        {"show none", "STATUS_NOT_FOUND: .*exit 6"},
         {"delete A", "STATUS_HAS_JOBS: .*reservation A, job 7\n.*exit 1"},
         {"create A --pkey 1 --guids 1", "STATUS_PKEY_MISMATCH: .*original: 0x8001, new: 0x0001.*exit 1"},
         {"create A --pkey 0x8001 --guids 1 --num-trees 5", "STATUS_LIMITS_MISMATCH: .*exit 1"},
         {"update A --remove 0x11,0x12", "STATUS_GUIDS_USED_BY_JOB: .*GUID 0x11, reservation A, job 7\n.*exit 1"},
-        {"job begin 8 --guids 0x10,0x20", "RESULT_NO_RESERVATION: .*guid=0x20 in reservation_key=B.*exit 1"},
+        {"job begin 8 --guids 0x10,0x20", "RESULT_NO_RESERVATION: .*guid=0x20 in reservation_key=B.*exit 6"},
         {"job begin 8 --guids 0x10 --trees 3", "RESULT_LIMIT_EXCEEDED: .*already using 2 trees.*exit 1"},
         {"job begin 7 --guids 0x10", "RESULT_ALREADY_RUNNING: .*exit 1"},
         {"watch --from 9", "event 9 is not there.*, the next one to happen 3\nexit 1"},
@@ -342,8 +342,8 @@ TEST_F(EndToEndTest, AFullDiskRefusesChangesUntilThereIsSpace) {
     for (const char* command :
          {"update A --add 3", "job begin 8 --guids 2", "job end 7", "create B --pkey 1 --guids 3"}) {
         EXPECT_EQ(Ctl(command),
-                  "reservationctl: nothing has been changed: DIR/state/reservationd.sqlite: "
-                  "the store cannot be written: disk I/O error\nexit 1\n");
+                  "reservationctl: nothing has been changed, try again later: DIR/state/reservationd.sqlite: "
+                  "the store cannot be written: disk I/O error\nexit 5\n");
     }
     EXPECT_EQ(look(), before);
     ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_FSIZE, &limit, nullptr), 0);
@@ -382,9 +382,15 @@ for name in daemon operator viewer stranger; do make $name /CN=$name "$(signed_b
     EXPECT_TRUE(run_as("operator", "create A --pkey 1 --guids 1").starts_with("in force:\n"));
     EXPECT_EQ(run_as("viewer", "list --keys"), "A\n");
     EXPECT_TRUE(run_as("viewer", "delete A --dry-run").starts_with("would be deleted:\n"));
-    EXPECT_EQ(run_as("viewer", "delete A"), denied + "'viewer' allows reading only\nexit 1\n");
-    EXPECT_EQ(run_as("stranger", "list"), denied + "'stranger' allows nothing here\nexit 1\n");
-    EXPECT_TRUE(run_as("forger", "list").ends_with("\nexit 3\n"));
+    EXPECT_EQ(run_as("viewer", "delete A"), denied + "'viewer' allows reading only\nexit 4\n");
+    EXPECT_EQ(run_as("stranger", "list"), denied + "'stranger' allows nothing here\nexit 4\n");
+    for (const char* files : {"ca.pem --tls-cert DIR/forger.pem --tls-key DIR/forger.key",
+                              "ca.pem --tls-cert DIR/viewer.pem --tls-key DIR/operator.key",
+                              "other-ca.pem --tls-cert DIR/viewer.pem --tls-key DIR/viewer.key"}) {
+        const std::string output = Run(RESERVATIONCTL " --address " + address + " list --tls-ca DIR/" + files);
+        EXPECT_TRUE(std::regex_match(output, std::regex("reservationctl: no TLS connection to .*\nexit 4\n")))
+            << output;
+    }
 
     const std::string service = "/reservation.v1.ReservationService/";
     const std::map<std::string, bool> may_be_called_by_readers = {

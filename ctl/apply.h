@@ -15,9 +15,9 @@ struct ApplySettings {
     bool assume_yes = false;    // do not ask
 };
 
-// Prints the plan and what each step costs, asks, and carries the plan out. kRefused when a step was or would be
-// refused, when the answer is no, and when a step has come to cost more than the plan told; then no later step is
-// carried out. Throws what Call() throws, and UsageError for a file that cannot be used.
+// Prints the plan and what each step costs, asks, and carries all of it out or nothing. kRefused when a step is or
+// would be refused, and when the answer is no. Throws what Call() throws, with kChangedMeanwhile when there has been an
+// event since the plan was made, or it would cost more than was shown; and UsageError for a file that cannot be used.
 ExitStatus Apply(const Client& client, const ApplySettings& settings);
 
 }    // namespace reservationctl

@@ -65,7 +65,7 @@ public:
         for (const v1::Reservation& reservation : wanted) {
             const auto found = existing_.find(reservation.key());
             if (found == existing_.end()) {
-                Create(reservation, IsAnyHeld(reservation.guids()));
+                Create(reservation);
             } else {
                 Change(*found->second, reservation);
             }
@@ -87,7 +87,7 @@ private:
         const std::string difference = FixedDifference(old_one, new_one);
         if (!difference.empty()) {
             Delete(old_one.key(), difference);
-            return Create(new_one, true);
+            return Create(new_one);
         }
         const GuidList old_guids = SortedGuids(old_one);
         const GuidList new_guids = SortedGuids(new_one);
@@ -98,34 +98,34 @@ private:
         Update(growing_, new_one.key(), added, {});
     }
 
-    void Create(const v1::Reservation& reservation, bool depends_on_earlier_steps) {
-        v1::CreateReservationRequest request;
+    void Create(const v1::Reservation& reservation) {
+        const bool is_empty = reservation.guids().empty();
+        Step& step = growing_.emplace_back();
+        if (is_empty) step.reason = "nothing is created without GUIDs";
+        v1::CreateReservationRequest& request = *step.operation.mutable_create_reservation();
         request.set_key(reservation.key());
         request.set_pkey(reservation.pkey());
         *request.mutable_guids() = reservation.guids();
         if (reservation.has_limits()) *request.mutable_limits() = reservation.limits();
         request.set_auto_created(reservation.auto_created());
-        const bool is_empty = reservation.guids().empty();
-        if (is_empty) request.add_guids(FreeGuid());
-        growing_.push_back(
-            {std::move(request), is_empty ? "nothing is created without GUIDs" : "", depends_on_earlier_steps});
-        if (is_empty) Update(growing_, reservation.key(), {}, {FreeGuid()});
+        if (!is_empty) return;
+        request.add_guids(FreeGuid());
+        Update(growing_, reservation.key(), {}, {FreeGuid()});
     }
 
     void Update(std::vector<Step>& steps, const std::string& key, const GuidList& added,
                 const GuidList& removed) const {
         if (added.empty() && removed.empty()) return;
-        v1::UpdateReservationRequest request;
+        v1::UpdateReservationRequest& request = *steps.emplace_back().operation.mutable_update_reservation();
         request.set_key(key);
         request.mutable_add_guids()->Add(added.begin(), added.end());
         request.mutable_remove_guids()->Add(removed.begin(), removed.end());
-        steps.push_back({std::move(request), "", &steps == &growing_});
     }
 
     void Delete(const std::string& key, const std::string& reason) {
-        v1::DeleteReservationRequest request;
-        request.set_key(key);
-        deletions_.push_back({std::move(request), reason, false});
+        Step& step = deletions_.emplace_back();
+        step.operation.mutable_delete_reservation()->set_key(key);
+        step.reason = reason;
     }
 
     // The smallest GUID that nobody has or wants.
@@ -166,8 +166,10 @@ std::string DescribeRequest(const v1::UpdateReservationRequest& request) {
     return text;
 }
 
-std::string DescribeRequest(const v1::DeleteReservationRequest& request) {
-    return "delete " + util::Printable(request.key());
+std::string DescribeOperation(const v1::Operation& operation) {
+    if (operation.has_create_reservation()) return DescribeRequest(operation.create_reservation());
+    if (operation.has_update_reservation()) return DescribeRequest(operation.update_reservation());
+    return "delete " + util::Printable(operation.delete_reservation().key());
 }
 
 }    // namespace
@@ -177,8 +179,7 @@ std::vector<Step> PlanChanges(const Reservations& existing, const Reservations& 
 }
 
 std::string Describe(const Step& step) {
-    const std::string reason = step.reason.empty() ? "" : ", because " + step.reason;
-    return std::visit([](const auto& request) { return DescribeRequest(request); }, step.request) + reason;
+    return DescribeOperation(step.operation) + (step.reason.empty() ? "" : ", because " + step.reason);
 }
 
 }    // namespace reservationctl

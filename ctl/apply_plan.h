@@ -3,7 +3,6 @@
 #pragma once
 
 #include <string>
-#include <variant>
 #include <vector>
 
 #include "reservation/v1/reservation.pb.h"
@@ -13,17 +12,12 @@ namespace reservationctl {
 using Reservations = google::protobuf::RepeatedPtrField<reservation::v1::Reservation>;
 
 struct Step {
-    using Request = std::variant<reservation::v1::CreateReservationRequest, reservation::v1::UpdateReservationRequest,
-                                 reservation::v1::DeleteReservationRequest>;
-
-    Request request;
-    std::string reason;    // where the step alone does not tell why it is there; else empty
-    bool depends_on_earlier_steps = false;    // so that a dry run before them tells nothing
+    reservation::v1::Operation operation;    // creates, updates or deletes a reservation
+    std::string reason;    // where the operation alone does not tell why it is there; else empty
 };
 
 // The steps, in an order in which no step adds a GUID that another reservation still holds: removals come first, then
-// deletions, then additions and creations. None when there is nothing to change. Jobs can only be in the way of steps
-// that do not depend on earlier ones.
+// deletions, then additions and creations. None when there is nothing to change.
 //
 // Compares key, pkey, limits, origin and GUIDs; the GUIDs may be in any order. Only the GUIDs of a reservation can
 // change, so that one with another pkey, limits or origin is deleted and created anew. A wanted reservation without

@@ -29,4 +29,6 @@ std::unique_ptr<EventStream> Client::Watch(const v1::WatchRequest& request) cons
     return std::make_unique<EventStream>(*stub_, request);
 }
 
+std::unique_ptr<Session> Client::OpenSession() const { return std::make_unique<Session>(*stub_, options_.timeout); }
+
 }    // namespace client

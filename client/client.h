@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "client/connection.h"
+#include "client/session.h"
 #include "reservation/v1/reservation.grpc.pb.h"
 
 namespace client {
@@ -76,6 +77,9 @@ public:
 
     // The stream must not outlive the client.
     std::unique_ptr<EventStream> Watch(const v1::WatchRequest& request) const;
+
+    // The session must not outlive the client.
+    std::unique_ptr<Session> OpenSession() const;
 
 private:
     using Stub = v1::ReservationService::Stub;

@@ -108,9 +108,13 @@ void AddConnectOptions(CLI::App& app, ConnectOptions& connection) {
     const auto add = [&](const char* name, auto& value, const char* help) {
         return app.add_option(name, value, help)->needs(connect);
     };
-    add("--clients", connection.clients,
-        "connections that work at once, each for one tenant at a time, 1 to 1024; default: 1")
+    add("--clients", connection.clients, "connections that work at once, 1 to 1024; default: 1")
         ->check(Between(1u, 1024u))
+        ->type_name("N");
+    add("--in-flight", connection.in_flight,
+        "operations that each connection has under way at once, through one session where they are more than 1,\n"
+        "1 to 64; default: 1")
+        ->check(Between(1u, 64u))
         ->type_name("N");
     add("--tls-ca", connection.tls_ca, "PEM file: the authority that signed the daemon's certificate")
         ->type_name("FILE");

@@ -195,7 +195,9 @@ std::string ReportText(const Report& report) {
         absl::StrCat(util::Printable(report.trace_name), " on ", DescribeSettings(report.settings), "\n");
     if (!is_in_process) {
         absl::StrAppend(&text, "through the daemon at ", util::Printable(report.daemon_address), " by ",
-                        GroupDigits(report.num_clients), report.num_clients == 1 ? " client\n" : " clients\n");
+                        GroupDigits(report.num_clients), report.num_clients == 1 ? " client" : " clients");
+        if (report.num_in_flight > 1) absl::StrAppend(&text, ", each with ", report.num_in_flight, " in flight");
+        text += "\n";
     }
     absl::StrAppend(&text, "\n", JobLines(report), OperationLines(report.figures),
                     Line("", "failed requests, as counted", report.replay.failed_requests), EventLines(report.replay),
@@ -222,7 +224,8 @@ json ReportJson(const Report& report) {
         members["start_up"] = {{"events", EventsJson(report.start_up)},
                                {"log_records", LogRecordsJson(report.start_up)}};
     } else {
-        members["daemon"] = {{"address", report.daemon_address}, {"clients", report.num_clients}};
+        members["daemon"] = {
+            {"address", report.daemon_address}, {"clients", report.num_clients}, {"in_flight", report.num_in_flight}};
         members["settings"].erase("log_level");    // the daemon's log has the records
     }
     return members;

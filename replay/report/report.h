@@ -21,6 +21,7 @@ struct Report {
     const Latencies& latencies;
     std::string daemon_address{};    // empty: in this process
     uint32_t num_clients = 1;    // of the daemon
+    uint32_t num_in_flight = 1;    // operations under way at once, of each client
     ManagerCounters start_up{};    // in this process only
     ManagerCounters replay;
 

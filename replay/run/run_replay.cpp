@@ -191,6 +191,7 @@ int ReplayThroughDaemon(const RunOptions& options, const SwfTrace& trace) {
                         .latencies = replay.latencies(),
                         .daemon_address = connection.address,
                         .num_clients = connection.clients,
+                        .num_in_flight = connection.in_flight,
                         .replay = daemon->counters(),
                         .is_finished = true,
                         .failed_checks = FailedChecks(state, *daemon)};

@@ -31,43 +31,46 @@ uint32_t StatusOf(v1::BeginJobReply::Result result) {
 // Before its callers, which learn from it what it returns.
 template <typename Request>
 auto DaemonClient::Call(const Request& request) const {
-    auto reply = client_.Call(request);
+    auto reply = connection_->Call(request);
     if (!reply.ok()) throw ErrorFor(reply.status());
     return *std::move(reply);
 }
 
 uint32_t DaemonClient::CreateReservation(const std::string& key, uint16_t pkey, std::vector<uint64_t> guids,
                                          uint32_t num_trees) {
-    v1::CreateReservationRequest request;
+    v1::Operation operation;
+    v1::CreateReservationRequest& request = *operation.mutable_create_reservation();
     request.set_key(key);
     request.set_pkey(pkey);
     request.mutable_guids()->Add(guids.begin(), guids.end());
     if (num_trees != VESK_LIMIT_NOT_GIVEN) request.mutable_limits()->set_num_trees(num_trees);
-    return static_cast<uint32_t>(Call(request).status());
+    return static_cast<uint32_t>(Perform(operation).reservation().status());
 }
 
 uint32_t DaemonClient::UpdateReservation(const std::string& key, std::vector<uint64_t> added,
                                          std::vector<uint64_t> removed) {
-    v1::UpdateReservationRequest request;
+    v1::Operation operation;
+    v1::UpdateReservationRequest& request = *operation.mutable_update_reservation();
     request.set_key(key);
     request.mutable_add_guids()->Add(added.begin(), added.end());
     request.mutable_remove_guids()->Add(removed.begin(), removed.end());
-    return static_cast<uint32_t>(Call(request).status());
+    return static_cast<uint32_t>(Perform(operation).reservation().status());
 }
 
 uint32_t DaemonClient::DeleteReservation(const std::string& key) {
-    v1::DeleteReservationRequest request;
-    request.set_key(key);
-    return static_cast<uint32_t>(Call(request).status());
+    v1::Operation operation;
+    operation.mutable_delete_reservation()->set_key(key);
+    return static_cast<uint32_t>(Perform(operation).reservation().status());
 }
 
 BeginJobResult DaemonClient::BeginJob(const JobRequest& job) {
-    v1::BeginJobRequest request;
+    v1::Operation operation;
+    v1::BeginJobRequest& request = *operation.mutable_begin_job();
     request.set_job_id(job.job_id);
     request.mutable_guids()->Add(job.guids.begin(), job.guids.end());
     request.set_planes(job.planes);
     request.set_trees(job.trees);
-    const v1::BeginJobReply reply = Call(request);
+    const v1::BeginJobReply reply = Perform(operation).begin_job();
     const uint32_t status = StatusOf(reply.result());
     if (status != VESK_STATUS_SUCCESS || reply.reservation_key() == job.reservation_key) {
         return {.status = status, .reservation_id = reply.reservation_id()};
@@ -77,9 +80,9 @@ BeginJobResult DaemonClient::BeginJob(const JobRequest& job) {
 }
 
 uint32_t DaemonClient::EndJob(uint64_t job_id) {
-    v1::EndJobRequest request;
-    request.set_job_id(job_id);
-    return Call(request).was_running() ? VESK_STATUS_SUCCESS : VESK_STATUS_NOT_FOUND;
+    v1::Operation operation;
+    operation.mutable_end_job()->set_job_id(job_id);
+    return Perform(operation).end_job().was_running() ? VESK_STATUS_SUCCESS : VESK_STATUS_NOT_FOUND;
 }
 
 uint32_t DaemonClient::ReportPkeys(uint64_t guid, const std::set<uint16_t>& pkeys) {
@@ -107,13 +110,44 @@ v1::DaemonInfo DaemonClient::GetDaemonInfo() const { return Call(v1::GetDaemonIn
 std::unique_ptr<client::EventStream> DaemonClient::Watch(uint64_t from_sequence) const {
     v1::WatchRequest request;
     request.set_from_sequence(from_sequence);
-    return client_.Watch(request);
+    return connection_->Watch(request);
 }
 
 std::runtime_error DaemonClient::ErrorFor(const absl::Status& status) const {
     const bool is_gone = absl::IsUnavailable(status) || absl::IsDeadlineExceeded(status);
     return std::runtime_error(absl::StrCat(
-        client_.address(), is_gone ? ": no daemon answers: " : ": the daemon refuses a call: ", status.message()));
+        connection_->address(), is_gone ? ": no daemon answers: " : ": the daemon refuses a call: ", status.message()));
+}
+
+v1::OperationReply DaemonClient::Perform(const v1::Operation& operation) const {
+    if (session_ == nullptr) return PerformAsCall(operation);
+    absl::StatusOr<v1::OperationReply> reply = session_->Call(operation);
+    if (!reply.ok()) throw ErrorFor(reply.status());
+    return *std::move(reply);
+}
+
+v1::OperationReply DaemonClient::PerformAsCall(const v1::Operation& operation) const {
+    v1::OperationReply reply;
+    switch (operation.operation_case()) {
+        case v1::Operation::kCreateReservation:
+            *reply.mutable_reservation() = Call(operation.create_reservation());
+            break;
+        case v1::Operation::kUpdateReservation:
+            *reply.mutable_reservation() = Call(operation.update_reservation());
+            break;
+        case v1::Operation::kDeleteReservation:
+            *reply.mutable_reservation() = Call(operation.delete_reservation());
+            break;
+        case v1::Operation::kBeginJob:
+            *reply.mutable_begin_job() = Call(operation.begin_job());
+            break;
+        case v1::Operation::kEndJob:
+            *reply.mutable_end_job() = Call(operation.end_job());
+            break;
+        case v1::Operation::OPERATION_NOT_SET:
+            break;
+    }
+    return reply;
 }
 
 }    // namespace replay

@@ -18,7 +18,11 @@ namespace replay {
 // A call that gets no reply throws std::runtime_error, with a message that names the daemon's address.
 class DaemonClient : public TargetClient {
 public:
-    explicit DaemonClient(client::Client client) : client_(std::move(client)) {}
+    // Clients that share a session, which is one of their common connection, have their operations under way together.
+    // Without a session each operation is a call of its own.
+    explicit DaemonClient(std::shared_ptr<const client::Client> connection,
+                          std::shared_ptr<client::Session> session = nullptr)
+        : connection_(std::move(connection)), session_(std::move(session)) {}
 
     uint32_t CreateReservation(const std::string& key, uint16_t pkey, std::vector<uint64_t> guids,
                                uint32_t num_trees) override;
@@ -42,7 +46,11 @@ private:
     template <typename Request>
     auto Call(const Request& request) const;
 
-    client::Client client_;
+    client::v1::OperationReply Perform(const client::v1::Operation& operation) const;
+    client::v1::OperationReply PerformAsCall(const client::v1::Operation& operation) const;
+
+    const std::shared_ptr<const client::Client> connection_;
+    const std::shared_ptr<client::Session> session_;    // null: none
 };
 
 }    // namespace replay

@@ -20,16 +20,25 @@ const bool kCanConnect = true;
 namespace {
 
 constexpr std::chrono::seconds kCallTimeout{60};
+constexpr uint32_t kMaxClients = 1024;    // each works in a thread of its own
 
+// So many clients for each connection as it has operations in flight; more than one use a session.
 std::vector<std::unique_ptr<DaemonClient>> MakeClients(const ConnectOptions& options) {
     const client::ConnectionOptions connection{.addresses = {options.address},
                                                .tls_ca = options.tls_ca,
                                                .tls_certificate = options.tls_certificate,
                                                .tls_key = options.tls_key,
                                                .timeout = kCallTimeout};
+    if (options.clients * options.in_flight > kMaxClients) {
+        throw InputError(absl::StrCat("--clients times --in-flight is more than ", kMaxClients));
+    }
     std::vector<std::unique_ptr<DaemonClient>> clients;
     for (uint32_t i = 0; i < options.clients; ++i) {
-        clients.push_back(std::make_unique<DaemonClient>(ValueOrInputError(client::Client::Make(connection))));
+        const auto shared = std::make_shared<client::Client>(ValueOrInputError(client::Client::Make(connection)));
+        const std::shared_ptr<client::Session> session = options.in_flight > 1 ? shared->OpenSession() : nullptr;
+        for (uint32_t j = 0; j < options.in_flight; ++j) {
+            clients.push_back(std::make_unique<DaemonClient>(shared, session));
+        }
     }
     return clients;
 }

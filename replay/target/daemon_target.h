@@ -17,6 +17,7 @@ struct ConnectOptions {
     std::string tls_certificate;
     std::string tls_key;
     uint32_t clients = 1;    // connections, at least 1
+    uint32_t in_flight = 1;    // operations that each of them has under way at once, at least 1
 };
 
 class DaemonTarget : public Target {
@@ -29,7 +30,8 @@ public:
 extern const bool kCanConnect;
 
 // Connects to a daemon. Throws InputError, which names the address, option or file at fault, when that fails, when
-// reservation mode is off, and when the daemon has reservations or jobs.
+// reservation mode is off, when the daemon has reservations or jobs, and when more operations are to be under way at
+// once than there can be threads for.
 std::unique_ptr<DaemonTarget> ConnectToDaemon(const ConnectOptions& options);
 
 }    // namespace replay

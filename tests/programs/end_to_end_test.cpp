@@ -474,7 +474,7 @@ TEST_F(ConnectedReplayTest, FiguresAreThoseOfOneProcessWhateverTheNumberOfClient
         EXPECT_GT(expected["jobs"]["waited"], 0);
         EXPECT_EQ(expected["jobs"]["refused"] > 0, !connected.empty());
         const auto server = Serve("--reservation-mode " + daemon);
-        for (const std::string clients : {"1", "8"}) {
+        for (const std::string clients : {"1", "8 --in-flight 16"}) {
             EXPECT_EQ(Figures(Replay(connected + kConnect + "--clients " + clients)), expected) << daemon << clients;
         }
         server->Signal(SIGTERM);
@@ -498,7 +498,7 @@ TEST_F(ConnectedReplayTest, DaemonThatCannotBeUsedIsToldApartFromOneThatGoesAway
               "pkeys\nexit 2\n");
     const auto stub = Connect(Address());
     v1::DaemonInfo info;
-    Program replay(Words(kReplay + kConnect + "--clients 4"));
+    Program replay(Words(kReplay + kConnect + "--clients 2 --in-flight 2"));
     while (Call(*stub, &Stub::GetDaemonInfo, {}, &info).ok() && info.last_sequence() == 0)
         ASSERT_EQ(replay.Output(), "");
     daemon.reset();

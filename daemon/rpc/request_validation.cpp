@@ -2,9 +2,14 @@
 
 #include <absl/strings/numbers.h>
 #include <absl/strings/str_cat.h>
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/unknown_field_set.h>
+#include <grpcpp/impl/codegen/proto_utils.h>
+#include <grpcpp/support/slice.h>
 
 #include <cstdint>
 #include <limits>
+#include <string>
 #include <string_view>
 
 #include "util/limits.h"
@@ -35,6 +40,27 @@ absl::Status ValidateLimits(const v1::Limits& limits) {
     return ValidateNumber("limits.num_trees", limits.num_trees(), 0, util::kNoTreesLimit);
 }
 
+using google::protobuf::Descriptor;
+using google::protobuf::FieldDescriptor;
+using google::protobuf::UnknownField;
+using google::protobuf::UnknownFieldSet;
+
+// Returns the path of the first field, in a message of this type, whose text is not UTF-8; "" when there is none.
+std::string FindFieldThatIsNotUtf8(const Descriptor& type, const std::string& message) {
+    UnknownFieldSet fields;
+    if (!fields.ParseFromString(message)) return "";
+    for (int i = 0; i < fields.field_count(); ++i) {
+        const FieldDescriptor* const field = type.FindFieldByNumber(fields.field(i).number());
+        if (field == nullptr || fields.field(i).type() != UnknownField::TYPE_LENGTH_DELIMITED) continue;
+        const std::string& value = fields.field(i).length_delimited();
+        if (field->type() == FieldDescriptor::TYPE_STRING && !util::IsUtf8(value)) return field->name();
+        if (field->type() != FieldDescriptor::TYPE_MESSAGE) continue;
+        const std::string inner = FindFieldThatIsNotUtf8(*field->message_type(), value);
+        if (!inner.empty()) return absl::StrCat(field->name(), ".", inner);
+    }
+    return "";
+}
+
 // Keeps the first fault.
 template <typename... Statuses>
 absl::Status FirstError(absl::Status first, const Statuses&... others) {
@@ -43,6 +69,20 @@ absl::Status FirstError(absl::Status first, const Statuses&... others) {
 }
 
 }    // namespace
+
+absl::Status ParseMessage(const grpc::ByteBuffer& bytes, google::protobuf::Message* message) {
+    grpc::ByteBuffer unread(bytes);
+    if (grpc::GenericDeserialize<grpc::ProtoBufferReader, google::protobuf::Message>(&unread, message).ok()) {
+        return absl::OkStatus();
+    }
+    grpc::Slice slice;
+    if (!bytes.DumpToSingleSlice(&slice).ok()) return absl::InvalidArgumentError("the message cannot be unpacked");
+    const std::string field =
+        FindFieldThatIsNotUtf8(*message->GetDescriptor(), {reinterpret_cast<const char*>(slice.begin()), slice.size()});
+    return absl::InvalidArgumentError(field.empty()
+                                          ? absl::StrCat("the message is no ", message->GetDescriptor()->full_name())
+                                          : absl::StrCat(field, " is not UTF-8"));
+}
 
 absl::Status ValidateRequest(const v1::CreateReservationRequest& request) {
     return FirstError(ValidateKeyField(request.key()), ValidateNumber("pkey", request.pkey(), 0, util::kMaxPkey),

@@ -23,6 +23,7 @@
 #include "daemon/log_sink.h"
 #include "daemon/rpc/grpc_status.h"
 #include "daemon/rpc/service.h"
+#include "daemon/rpc/stream_limit.h"
 #include "util/file.h"
 
 namespace reservationd {
@@ -30,7 +31,8 @@ namespace {
 
 // Requests under way fill at most kMaxCallsPerConnection * max_request_bytes for one connection, and kMaxMemoryBytes
 // for all of them.
-constexpr int kMaxCallsPerConnection = 64;
+constexpr int kMaxShortCallsPerConnection = 64;    // beside its streams
+constexpr int kMaxCallsPerConnection = StreamLimit::kMaxStreamsPerConnection + kMaxShortCallsPerConnection;
 constexpr size_t kMaxMemoryBytes = size_t{1} << 30;
 
 // A connection is pinged when it has been silent for the first time span, and closed when the second one passes without
@@ -44,14 +46,10 @@ void ThrowErrno(const std::string& path, const std::string& what) {
     throw std::system_error(errno, std::generic_category(), path + ": " + what);
 }
 
-// ---- Libraries' own log records, which would go to standard error ----
+// ---- gRPC's own log records, which would go to standard error ----
 
 void LogGrpc(gpr_log_func_args* record) {
     if (record->severity == GPR_LOG_SEVERITY_ERROR) WriteLog(kLogWarning, std::string("gRPC: ") + record->message);
-}
-
-void LogProtobuf(google::protobuf::LogLevel level, const char*, int, const std::string& message) {
-    if (level >= google::protobuf::LOGLEVEL_ERROR) WriteLog(kLogWarning, "Protocol Buffers: " + message);
 }
 
 // ---- Unix socket ----
@@ -144,7 +142,7 @@ struct Server::Listener {
 Server::Server(const ServerSettings& settings, Engine& engine)
     : listener_(std::make_unique<Listener>(settings, engine)) {
     gpr_set_log_function(LogGrpc);
-    google::protobuf::SetLogHandler(LogProtobuf);
+    google::protobuf::SetLogHandler(nullptr);    // what it finds in a message, the client is told
     grpc::EnableDefaultHealthCheckService(true);
     grpc::reflection::InitProtoReflectionServerBuilderPlugin();
 

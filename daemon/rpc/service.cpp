@@ -21,6 +21,29 @@ bool IsDryRun(const Request& request) {
     return false;
 }
 
+// A call with one reply. It owns itself, and its messages, until gRPC is done with it.
+template <typename Request, typename Reply>
+class UnaryCall : public grpc::ServerUnaryReactor {
+public:
+    // `reply_bytes`: what gRPC sends, of a call that ends well.
+    explicit UnaryCall(grpc::ByteBuffer* reply_bytes) : reply_bytes_(reply_bytes) {}
+
+    void Answer(const absl::Status& status) {
+        if (status.ok()) Pack(reply, reply_bytes_);
+        Reply().Swap(&reply);    // which may be large, and take long to be sent
+        Finish(ToGrpc(status));
+    }
+
+    void OnDone() override { delete this; }
+
+    Request request;
+    Reply reply;
+    absl::Status outcome;
+
+private:
+    grpc::ByteBuffer* const reply_bytes_;
+};
+
 // A stream that ends before it began.
 template <typename Reactor>
 class Refused : public Reactor {
@@ -38,120 +61,135 @@ Service::Service(Engine& engine, const AccessControl& access)
           std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
               .count()) {}
 
-template <typename Request>
+// ---- Calls with one reply ----
+
+template <typename Request, typename Reply>
 grpc::ServerUnaryReactor* Service::Submit(grpc::CallbackServerContext* context, const char* method,
-                                          const Request& request,
-                                          std::function<absl::Status(ReservationState& state)> run) {
-    grpc::ServerUnaryReactor* const reactor = context->DefaultReactor();
+                                          const grpc::ByteBuffer& request, grpc::ByteBuffer* reply,
+                                          Operation<Request, Reply> run) {
+    auto* const call = new UnaryCall<Request, Reply>(reply);
+    const absl::Status parsed = ParseMessage(request, &call->request);
     const Permission permission =
-        IsDryRun(request) ? Permission::kRead : PermissionFor(absl::StrCat(kServicePrefix, method));
+        IsDryRun(call->request) ? Permission::kRead : PermissionFor(absl::StrCat(kServicePrefix, method));
     absl::Status status = access_.Check(ClientOf(*context), permission);
-    if (status.ok()) status = ValidateRequest(request);
+    status.Update(parsed);
+    if (status.ok()) status = ValidateRequest(call->request);
     if (!status.ok()) {
-        reactor->Finish(ToGrpc(status));
-        return reactor;
+        call->Answer(status);
+        return call;
     }
-    const auto outcome = std::make_shared<absl::Status>();
     engine_.Submit({permission == Permission::kChange,
-                    [run = std::move(run), outcome](ReservationState& state) { *outcome = run(state); },
-                    [reactor, outcome](Refusal refusal, const std::string& reason) {
-                        reactor->Finish(ToGrpc(refusal == Refusal::kNone ? *outcome : ToStatus(refusal, reason)));
+                    [call, run = std::move(run)](ReservationState& state) {
+                        call->reply.Clear();
+                        call->outcome = run(state, call->request, &call->reply);
+                    },
+                    [call](Refusal refusal, const std::string& reason) {
+                        call->Answer(refusal == Refusal::kNone ? call->outcome : ToStatus(refusal, reason));
                     }});
-    return reactor;
+    return call;
 }
 
 template <typename Request, typename Reply>
 grpc::ServerUnaryReactor* Service::Serve(grpc::CallbackServerContext* context, const char* method,
-                                         const Request* request, Reply* reply,
+                                         const grpc::ByteBuffer& request, grpc::ByteBuffer* reply,
                                          void (ReservationState::*operation)(const Request&, Reply*)) {
-    return Submit(context, method, *request, [request, reply, operation](ReservationState& state) {
-        reply->Clear();
-        (state.*operation)(*request, reply);
-        return absl::OkStatus();
-    });
+    return Submit<Request, Reply>(context, method, request, reply,
+                                  [operation](ReservationState& state, const Request& parsed, Reply* answer) {
+                                      (state.*operation)(parsed, answer);
+                                      return absl::OkStatus();
+                                  });
 }
 
 grpc::ServerUnaryReactor* Service::CreateReservation(grpc::CallbackServerContext* context,
-                                                     const v1::CreateReservationRequest* request,
-                                                     v1::ReservationReply* reply) {
-    return Serve(context, "CreateReservation", request, reply, &ReservationState::CreateReservation);
+                                                     const grpc::ByteBuffer* request, grpc::ByteBuffer* reply) {
+    return Serve(context, "CreateReservation", *request, reply, &ReservationState::CreateReservation);
 }
 
 grpc::ServerUnaryReactor* Service::UpdateReservation(grpc::CallbackServerContext* context,
-                                                     const v1::UpdateReservationRequest* request,
-                                                     v1::ReservationReply* reply) {
-    return Serve(context, "UpdateReservation", request, reply, &ReservationState::UpdateReservation);
+                                                     const grpc::ByteBuffer* request, grpc::ByteBuffer* reply) {
+    return Serve(context, "UpdateReservation", *request, reply, &ReservationState::UpdateReservation);
 }
 
 grpc::ServerUnaryReactor* Service::DeleteReservation(grpc::CallbackServerContext* context,
-                                                     const v1::DeleteReservationRequest* request,
-                                                     v1::ReservationReply* reply) {
-    return Serve(context, "DeleteReservation", request, reply, &ReservationState::DeleteReservation);
+                                                     const grpc::ByteBuffer* request, grpc::ByteBuffer* reply) {
+    return Serve(context, "DeleteReservation", *request, reply, &ReservationState::DeleteReservation);
 }
 
 grpc::ServerUnaryReactor* Service::GetReservations(grpc::CallbackServerContext* context,
-                                                   const v1::GetReservationsRequest* request,
-                                                   v1::ReservationReply* reply) {
-    return Submit(context, "GetReservations", *request, [this, request, reply](ReservationState& state) {
-        reply->Clear();
-        state.GetReservations(*request, reply);
-        *reply->mutable_version() = engine_.Version();
-        return absl::OkStatus();
-    });
+                                                   const grpc::ByteBuffer* request, grpc::ByteBuffer* reply) {
+    return Submit<v1::GetReservationsRequest, v1::ReservationReply>(
+        context, "GetReservations", *request, reply,
+        [this](ReservationState& state, const v1::GetReservationsRequest& parsed, v1::ReservationReply* answer) {
+            state.GetReservations(parsed, answer);
+            *answer->mutable_version() = engine_.Version();
+            return absl::OkStatus();
+        });
 }
 
-grpc::ServerUnaryReactor* Service::BeginJob(grpc::CallbackServerContext* context, const v1::BeginJobRequest* request,
-                                            v1::BeginJobReply* reply) {
-    return Serve(context, "BeginJob", request, reply, &ReservationState::BeginJob);
+grpc::ServerUnaryReactor* Service::BeginJob(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,
+                                            grpc::ByteBuffer* reply) {
+    return Serve(context, "BeginJob", *request, reply, &ReservationState::BeginJob);
 }
 
-grpc::ServerUnaryReactor* Service::EndJob(grpc::CallbackServerContext* context, const v1::EndJobRequest* request,
-                                          v1::EndJobReply* reply) {
-    return Serve(context, "EndJob", request, reply, &ReservationState::EndJob);
+grpc::ServerUnaryReactor* Service::EndJob(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,
+                                          grpc::ByteBuffer* reply) {
+    return Serve(context, "EndJob", *request, reply, &ReservationState::EndJob);
 }
 
-grpc::ServerUnaryReactor* Service::ListJobs(grpc::CallbackServerContext* context, const v1::ListJobsRequest* request,
-                                            v1::ListJobsReply* reply) {
-    return Serve(context, "ListJobs", request, reply, &ReservationState::ListJobs);
+grpc::ServerUnaryReactor* Service::ListJobs(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,
+                                            grpc::ByteBuffer* reply) {
+    return Serve(context, "ListJobs", *request, reply, &ReservationState::ListJobs);
 }
 
-grpc::ServerUnaryReactor* Service::ReportPort(grpc::CallbackServerContext* context,
-                                              const v1::ReportPortRequest* request, v1::ReportPortReply* reply) {
-    return Serve(context, "ReportPort", request, reply, &ReservationState::ReportPort);
+grpc::ServerUnaryReactor* Service::ReportPort(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,
+                                              grpc::ByteBuffer* reply) {
+    return Serve(context, "ReportPort", *request, reply, &ReservationState::ReportPort);
 }
 
-grpc::ServerUnaryReactor* Service::GetDaemonInfo(grpc::CallbackServerContext* context,
-                                                 const v1::GetDaemonInfoRequest* request, v1::DaemonInfo* reply) {
-    return Submit(context, "GetDaemonInfo", *request, [this, reply](ReservationState&) {
-        reply->Clear();
-        reply->set_version(RESERVATIOND_VERSION);
-        reply->set_started_unix_millis(started_unix_millis_);
-        engine_.Describe(reply);
-        return absl::OkStatus();
-    });
+grpc::ServerUnaryReactor* Service::Transact(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,
+                                            grpc::ByteBuffer* reply) {
+    return Submit<v1::TransactRequest, v1::TransactReply>(
+        context, "Transact", *request, reply,
+        [this](ReservationState& state, const v1::TransactRequest& parsed, v1::TransactReply* answer) {
+            return reservationd::Transact(state, engine_.Version(), parsed, answer);
+        });
 }
 
-grpc::ServerUnaryReactor* Service::Transact(grpc::CallbackServerContext* context, const v1::TransactRequest* request,
-                                            v1::TransactReply* reply) {
-    return Submit(context, "Transact", *request, [this, request, reply](ReservationState& state) {
-        reply->Clear();
-        return reservationd::Transact(state, engine_.Version(), *request, reply);
-    });
+grpc::ServerUnaryReactor* Service::GetDaemonInfo(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,
+                                                 grpc::ByteBuffer* reply) {
+    return Submit<v1::GetDaemonInfoRequest, v1::DaemonInfo>(
+        context, "GetDaemonInfo", *request, reply,
+        [this](ReservationState&, const v1::GetDaemonInfoRequest&, v1::DaemonInfo* answer) {
+            answer->set_version(RESERVATIOND_VERSION);
+            answer->set_started_unix_millis(started_unix_millis_);
+            engine_.Describe(answer);
+            return absl::OkStatus();
+        });
 }
 
-grpc::ServerBidiReactor<v1::SessionRequest, v1::SessionReply>* Service::Session(grpc::CallbackServerContext* context) {
-    const Client client = ClientOf(*context);
-    const absl::Status status = access_.Check(client, PermissionFor(absl::StrCat(kServicePrefix, "Session")));
-    if (!status.ok()) return new Refused<grpc::ServerBidiReactor<v1::SessionRequest, v1::SessionReply>>(status);
-    return sessions_.Begin(engine_);
+// ---- Streams ----
+
+absl::StatusOr<StreamLimit::Slot> Service::OpenStream(grpc::CallbackServerContext& context, const char* method) {
+    const absl::Status status = access_.Check(ClientOf(context), PermissionFor(absl::StrCat(kServicePrefix, method)));
+    if (!status.ok()) return status;
+    return stream_limit_.Open(context);
 }
 
-grpc::ServerWriteReactor<v1::Event>* Service::Watch(grpc::CallbackServerContext* context,
-                                                    const v1::WatchRequest* request) {
-    const absl::Status status = access_.Check(ClientOf(*context), PermissionFor(absl::StrCat(kServicePrefix, "Watch")));
-    if (!status.ok()) return new Refused<grpc::ServerWriteReactor<v1::Event>>(status);
-    const auto watcher = std::make_shared<Watcher>(engine_.events());
-    watcher->Start(*request, engine_.epoch());
+grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer>* Service::Session(grpc::CallbackServerContext* context) {
+    absl::StatusOr<StreamLimit::Slot> slot = OpenStream(*context, "Session");
+    if (!slot.ok()) return new Refused<grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer>>(slot.status());
+    return sessions_.Begin(engine_, *std::move(slot));
+}
+
+grpc::ServerWriteReactor<grpc::ByteBuffer>* Service::Watch(grpc::CallbackServerContext* context,
+                                                           const grpc::ByteBuffer* request) {
+    v1::WatchRequest parsed;
+    absl::StatusOr<StreamLimit::Slot> slot = OpenStream(*context, "Watch");
+    absl::Status status = slot.status();
+    if (status.ok()) status = ParseMessage(*request, &parsed);
+    if (!status.ok()) return new Refused<grpc::ServerWriteReactor<grpc::ByteBuffer>>(status);
+    const auto watcher = std::make_shared<Watcher>(engine_.events(), *std::move(slot));
+    watcher->Start(parsed, engine_.epoch());
     return watcher.get();
 }
 

@@ -26,7 +26,7 @@ void Session::End() {
 }
 
 void Session::OnReadDone(bool ok) {
-    if (ok) Submit(Enter());
+    if (ok) Submit();
     {
         const util::MutexLock lock(&mutex_);
         is_reading_ = false;
@@ -49,14 +49,14 @@ void Session::OnDone() { list_.Remove(shared_from_this()); }
 
 Session::Exchange& Session::Enter() {
     const util::MutexLock lock(&mutex_);
-    Exchange& exchange = exchanges_.emplace_back();
-    exchange.request = std::move(incoming_);
-    return exchange;
+    return exchanges_.emplace_back();
 }
 
-void Session::Submit(Exchange& exchange) {
+void Session::Submit() {
+    Exchange& exchange = Enter();
+    absl::Status status = ParseMessage(incoming_, &exchange.request);
     const v1::Operation& operation = exchange.request.operation();
-    const absl::Status status = ValidateRequest(operation);
+    if (status.ok()) status = ValidateRequest(operation);
     if (!status.ok()) return Answer(exchange, status);
     engine_.Submit({!IsDryRun(operation),
                     [&exchange](ReservationState& state) {
@@ -106,7 +106,8 @@ void Session::GoOn() {
         }
     }
     if (reply != nullptr) {
-        StartWrite(reply);
+        Pack(*reply, &outgoing_);
+        StartWrite(&outgoing_);
     } else {
         Finish(status);
     }
@@ -119,8 +120,8 @@ bool Session::IsToRead() const {
 
 // ---- All sessions ----
 
-Session* SessionList::Begin(Engine& engine) {
-    const auto session = std::make_shared<Session>(engine, *this);
+Session* SessionList::Begin(Engine& engine, StreamLimit::Slot slot) {
+    const auto session = std::make_shared<Session>(engine, *this, std::move(slot));
     bool is_ended = false;
     {
         const util::MutexLock lock(&mutex_);

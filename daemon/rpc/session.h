@@ -9,8 +9,10 @@
 #include <deque>
 #include <memory>
 #include <set>
+#include <utility>
 
 #include "daemon/engine/engine.h"
+#include "daemon/rpc/stream_limit.h"
 #include "reservation/v1/reservation.pb.h"
 #include "util/mutex.h"
 
@@ -22,11 +24,12 @@ class SessionList;
 
 // Hands one client's operations to the engine as they are read, and answers them in their order. Nothing is read while
 // too many of them are unanswered, so that a client which does not read its answers holds the memory of these.
-class Session : public grpc::ServerBidiReactor<v1::SessionRequest, v1::SessionReply>,
+class Session : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer>,
                 public std::enable_shared_from_this<Session> {
 public:
     // Both must outlive the call.
-    Session(Engine& engine, SessionList& list) : engine_(engine), list_(list) {}
+    Session(Engine& engine, SessionList& list, StreamLimit::Slot slot)
+        : engine_(engine), list_(list), slot_(std::move(slot)) {}
 
     void Start() { GoOn(); }
 
@@ -45,14 +48,16 @@ private:
     };
 
     Exchange& Enter();
-    void Submit(Exchange& exchange);
+    void Submit();
     void Answer(Exchange& exchange, const absl::Status& status);
     void GoOn();
     bool IsToRead() const ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
     Engine& engine_;
     SessionList& list_;
-    v1::SessionRequest incoming_;    // used by the read under way
+    const StreamLimit::Slot slot_;
+    grpc::ByteBuffer incoming_;    // used by the read under way
+    grpc::ByteBuffer outgoing_;    // used by the write under way
     util::Mutex mutex_;
     std::deque<Exchange> exchanges_ ABSL_GUARDED_BY(mutex_);    // those read and not yet sent, in order
     bool is_reading_ ABSL_GUARDED_BY(mutex_) = false;    // until the engine has what was read
@@ -67,7 +72,7 @@ private:
 class SessionList {
 public:
     // Returns a session that has started.
-    Session* Begin(Engine& engine);
+    Session* Begin(Engine& engine, StreamLimit::Slot slot);
 
     // Ends the sessions, those that begin later as well.
     void End();

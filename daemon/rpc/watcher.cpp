@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "daemon/rpc/grpc_status.h"
+
 namespace reservationd {
 
 void Watcher::Start(const v1::WatchRequest& request, const std::string& epoch) {
@@ -14,9 +16,10 @@ void Watcher::Start(const v1::WatchRequest& request, const std::string& epoch) {
     }
     next_ = request.from_sequence() != 0 ? request.from_sequence() : log_.newest() + 1;
     if (next_ < log_.oldest() || next_ > log_.newest() + 1) return EndOutOfRange();
-    event_.set_sequence(next_);
-    event_.set_epoch(epoch);
-    StartWrite(&event_);
+    v1::Event start;
+    start.set_sequence(next_);
+    start.set_epoch(epoch);
+    Send(start);
 }
 
 void Watcher::OnWriteDone(bool ok) {
@@ -39,12 +42,18 @@ void Watcher::Wake() {
     if (!is_ended_) SendNext();
 }
 
+void Watcher::Send(const v1::Event& event) {
+    Pack(event, &outgoing_);
+    StartWrite(&outgoing_);
+}
+
 void Watcher::SendNext() {
+    v1::Event event;
     is_waiting_ = false;
-    switch (log_.Read(next_, &event_, self_)) {
+    switch (log_.Read(next_, &event, self_)) {
         case EventLog::Outcome::kEvent:
             ++next_;
-            return StartWrite(&event_);
+            return Send(event);
         case EventLog::Outcome::kNotYet:
             is_waiting_ = true;
             return;

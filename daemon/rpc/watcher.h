@@ -8,8 +8,10 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "daemon/engine/event_log.h"
+#include "daemon/rpc/stream_limit.h"
 #include "reservation/v1/reservation.pb.h"
 #include "util/mutex.h"
 
@@ -19,12 +21,12 @@ namespace v1 = reservation::v1;
 
 // Sends events to one client as fast as it takes them, one at a time, so that a slow client holds the memory of one. It
 // owns itself until gRPC is done with it.
-class Watcher : public grpc::ServerWriteReactor<v1::Event>,
+class Watcher : public grpc::ServerWriteReactor<grpc::ByteBuffer>,
                 public EventLog::Reader,
                 public std::enable_shared_from_this<Watcher> {
 public:
     // `log` must outlive the call.
-    explicit Watcher(EventLog& log) : log_(log) {}
+    Watcher(EventLog& log, StreamLimit::Slot slot) : log_(log), slot_(std::move(slot)) {}
 
     // Starts at the event that the request wants. `epoch`: that the log's events are numbered in.
     void Start(const v1::WatchRequest& request, const std::string& epoch);
@@ -35,14 +37,16 @@ public:
     void Wake() override;
 
 private:
+    void Send(const v1::Event& event) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
     void SendNext() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
     void End(const grpc::Status& status) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
     void EndOutOfRange() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
     EventLog& log_;
+    const StreamLimit::Slot slot_;
     std::shared_ptr<Watcher> self_;    // set by Start, released by OnDone
     util::Mutex mutex_;
-    v1::Event event_ ABSL_GUARDED_BY(mutex_);    // being sent
+    grpc::ByteBuffer outgoing_ ABSL_GUARDED_BY(mutex_);    // being sent
     uint64_t next_ ABSL_GUARDED_BY(mutex_) = 0;    // number of the event to send
     bool is_waiting_ ABSL_GUARDED_BY(mutex_) = false;    // the log will call Wake
     bool is_ended_ ABSL_GUARDED_BY(mutex_) = false;

@@ -67,18 +67,18 @@ Request RequestFor(const std::string& key) {
     return request;
 }
 
-// The code with which a method, of any service, answers the bytes of a request.
-grpc::StatusCode CallRaw(const std::shared_ptr<grpc::Channel>& channel, const std::string& method,
-                         const std::string& request) {
+// How a method, of any service, answers the bytes of a request.
+grpc::Status CallRaw(const std::shared_ptr<grpc::Channel>& channel, const std::string& method,
+                     const std::string& request) {
     grpc::ClientContext context;
     context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(10));
     const grpc::Slice slice(request);
     const grpc::ByteBuffer message(&slice, 1);
     grpc::ByteBuffer reply;
-    std::promise<grpc::StatusCode> code;
+    std::promise<grpc::Status> outcome;
     grpc::GenericStub(channel).UnaryCall(&context, method, {}, &message, &reply,
-                                         [&](const grpc::Status& status) { code.set_value(status.error_code()); });
-    return code.get_future().get();
+                                         [&](const grpc::Status& status) { outcome.set_value(status); });
+    return outcome.get_future().get();
 }
 
 std::string Replaced(const std::string& text, const std::string& what, const std::string& with) {
@@ -205,6 +205,23 @@ TEST_F(EndToEndTest, EveryRefusalSaysWhyAndChangesNothing) {
         const std::string output = Replaced(Ctl(command), "\n", "@");
         EXPECT_TRUE(std::regex_search(output, std::regex(Replaced(expected, "\n", "@")))) << command << ": " << output;
     }
+    const auto stub = Connect(Address());
+    const auto channel = grpc::CreateChannel(Address(), grpc::InsecureChannelCredentials());
+    for (const auto& [request, fault] :
+         {std::pair("\x0a\5\x1a\3\x0a\1\xff", "operations.delete_reservation.key is not UTF-8"),
+          std::pair("\x0a\2", "the message is no reservation.v1.TransactRequest")}) {
+        const grpc::Status status = CallRaw(channel, "/reservation.v1.ReservationService/Transact", request);
+        EXPECT_EQ(status.error_code(), grpc::StatusCode::INVALID_ARGUMENT);
+        EXPECT_EQ(status.error_message(), fault);
+    }
+    grpc::ClientContext contexts[65];
+    std::vector<std::unique_ptr<grpc::ClientReader<v1::Event>>> watches;
+    for (grpc::ClientContext& context : contexts) watches.push_back(stub->Watch(&context, {}));
+    v1::Event start;
+    int num_started = 0;
+    for (const auto& watch : watches) num_started += watch->Read(&start) ? 1 : 0;
+    EXPECT_EQ(num_started, 64);
+    for (grpc::ClientContext& context : contexts) context.TryCancel();
     EXPECT_EQ(Ctl("list --json"), before);
 }
 
@@ -415,7 +432,8 @@ for name in daemon operator viewer stranger; do make $name /CN=$name "$(signed_b
                                                                Content(Path(name + ".pem"))}));
         for (const auto& [method, may_read] : may_be_called_by_readers) {
             // Field 1 is 9: an event that is not there for Watch, so that its stream ends.
-            const bool is_denied = CallRaw(channel, method, "\x08\x09") == grpc::StatusCode::PERMISSION_DENIED;
+            const bool is_denied =
+                CallRaw(channel, method, "\x08\x09").error_code() == grpc::StatusCode::PERMISSION_DENIED;
             EXPECT_EQ(is_denied, !(name == "operator" || (name == "viewer" && may_read))) << name << " " << method;
         }
     }

@@ -341,7 +341,7 @@ oops => DIR/declared: parse error at line 1, column 19: *
 {"key": "a", "guids": [1], "pky": 1} => DIR/declared: reservation 1 (a): pky: Cannot find field.
 {"key": "a", "guids": ["1-5"]}, {"key": "b", "guids": [7, "0x5"]} => DIR/declared: GUID 0x5 of reservation b is there already, in reservation a
 {"key": "a", "guids": [1]}, {"key": "a", "guids": [2]} => DIR/declared: reservation a is there twice
-{"key": "a/\u202e", "guids": [2]} => the daemon cannot read the request: operations[1]: key 'a/\u202e' contains a slash, *
+{"key": "a/\u202e", "guids": [2]} => the daemon cannot read the request: operations*: key 'a/\u202e' contains a slash, *
 )");
     for (const char* item : {"0x", "-3", "3-", "1-2-3", "0x1g", "1.5", "+1", "18446744073709551616", "@x,y", "a:b:c:d",
                              "0200:0000:00a1b:2c0", "0200:0000:00a1-b2c0", "02:0:0000:00a1:b2c0"}) {

@@ -22,13 +22,13 @@ absl::StatusOr<v1::OperationReply> Session::Call(const v1::Operation& operation)
     *request.mutable_operation() = operation;
     Exchange exchange;
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         if (!status_.ok()) return status_;
         request.set_id(++last_id_);
         unanswered_.emplace(request.id(), &exchange);
     }
     Send(request);
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     if (mutex_.AwaitWithTimeout(absl::Condition(&exchange.is_answered), absl::FromChrono(timeout_))) {
         return std::move(exchange.reply);
     }
@@ -38,7 +38,7 @@ absl::StatusOr<v1::OperationReply> Session::Call(const v1::Operation& operation)
 
 // A write that fails needs no notice: the stream has ended, and ReadAll() tells everybody.
 void Session::Send(const v1::SessionRequest& request) {
-    const absl::MutexLock lock(&write_mutex_);
+    const util::MutexLock lock(&write_mutex_);
     stream_->Write(request);
 }
 
@@ -50,7 +50,7 @@ void Session::ReadAll() {
 }
 
 void Session::Deliver(v1::SessionReply reply) {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     const auto found = unanswered_.find(reply.id());
     if (found == unanswered_.end()) return;    // it came too late
     Exchange& exchange = *found->second;
@@ -64,7 +64,7 @@ void Session::Deliver(v1::SessionReply reply) {
 }
 
 void Session::End(const absl::Status& status) {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     status_ = status;
     for (const auto& [id, exchange] : unanswered_) {
         exchange->reply = status;

@@ -5,7 +5,6 @@
 #include <absl/base/thread_annotations.h>
 #include <absl/status/status.h>
 #include <absl/status/statusor.h>
-#include <absl/synchronization/mutex.h>
 #include <grpcpp/client_context.h>
 
 #include <chrono>
@@ -15,6 +14,7 @@
 #include <unordered_map>
 
 #include "reservation/v1/reservation.grpc.pb.h"
+#include "util/mutex.h"
 
 namespace client {
 
@@ -54,9 +54,9 @@ private:
     grpc::ClientContext context_;
     const std::unique_ptr<grpc::ClientReaderWriter<v1::SessionRequest, v1::SessionReply>> stream_;
 
-    absl::Mutex write_mutex_;    // one write at a time
+    util::Mutex write_mutex_;    // one write at a time
 
-    absl::Mutex mutex_;
+    util::Mutex mutex_;
     uint64_t last_id_ ABSL_GUARDED_BY(mutex_) = 0;
     std::unordered_map<uint64_t, Exchange*> unanswered_ ABSL_GUARDED_BY(mutex_);    // by the request's id
     absl::Status status_ ABSL_GUARDED_BY(mutex_);    // not OK: the stream has ended

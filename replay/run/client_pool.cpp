@@ -12,14 +12,14 @@ ClientPool::ClientPool(const std::vector<TargetClient*>& clients) : first_client
 
 ClientPool::~ClientPool() {
     {
-        const absl::MutexLock lock(&mutex_);
+        const util::MutexLock lock(&mutex_);
         is_ending_ = true;
     }
     for (std::thread& thread : threads_) thread.join();
 }
 
 void ClientPool::Run(std::vector<Task> tasks) {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     tasks_ = std::move(tasks);
     next_task_ = 0;
     RunTasks(first_client_);
@@ -28,7 +28,7 @@ void ClientPool::Run(std::vector<Task> tasks) {
 }
 
 void ClientPool::Work(TargetClient& client) {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     while (!is_ending_) {
         RunTasks(client);
         mutex_.Await(absl::Condition(this, &ClientPool::HasWork));

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <absl/base/thread_annotations.h>
-#include <absl/synchronization/mutex.h>
 
 #include <cstddef>
 #include <exception>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "replay/target/target_client.h"
+#include "util/mutex.h"
 
 namespace replay {
 
@@ -38,7 +38,7 @@ private:
 
     TargetClient& first_client_;
 
-    absl::Mutex mutex_;
+    util::Mutex mutex_;
     std::vector<Task> tasks_ ABSL_GUARDED_BY(mutex_);
     size_t next_task_ ABSL_GUARDED_BY(mutex_) = 0;
     size_t num_running_ ABSL_GUARDED_BY(mutex_) = 0;

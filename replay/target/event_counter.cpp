@@ -20,7 +20,7 @@ EventCounter::~EventCounter() {
 }
 
 void EventCounter::WaitFor(uint64_t sequence) {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     const auto is_over = [&]() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_) {
         return !status_.ok() || last_sequence_ >= sequence;
     };
@@ -29,12 +29,12 @@ void EventCounter::WaitFor(uint64_t sequence) {
 }
 
 ManagerCounters EventCounter::counters() const {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     return counters_;
 }
 
 uint64_t EventCounter::num_ended_jobs() const {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     return num_ended_jobs_;
 }
 
@@ -43,12 +43,12 @@ void EventCounter::ReadAll() {
     for (; event.ok(); event = stream_->Next()) {
         if (event->kind() != v1::Event::KIND_NONE) Count(*event);
     }
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     status_ = event.status();
 }
 
 void EventCounter::Count(const v1::Event& event) {
-    const absl::MutexLock lock(&mutex_);
+    const util::MutexLock lock(&mutex_);
     switch (event.kind()) {
         case v1::Event::KIND_RESERVATION_CREATED:
             ++counters_.reservations_created;

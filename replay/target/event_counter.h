@@ -4,7 +4,6 @@
 
 #include <absl/base/thread_annotations.h>
 #include <absl/status/status.h>
-#include <absl/synchronization/mutex.h>
 
 #include <cstdint>
 #include <memory>
@@ -13,6 +12,7 @@
 #include "client/client.h"
 #include "replay/target/daemon_client.h"
 #include "replay/target/manager_observer.h"
+#include "util/mutex.h"
 
 namespace replay {
 
@@ -39,7 +39,7 @@ private:
     const DaemonClient& client_;
     const std::unique_ptr<client::EventStream> stream_;
 
-    mutable absl::Mutex mutex_;
+    mutable util::Mutex mutex_;
     ManagerCounters counters_ ABSL_GUARDED_BY(mutex_);
     uint64_t num_ended_jobs_ ABSL_GUARDED_BY(mutex_) = 0;
     uint64_t last_sequence_ ABSL_GUARDED_BY(mutex_);

@@ -43,6 +43,19 @@ TEST(HostFault, ContainersAreTheTruth) {
     EXPECT_EQ(daemon.manager->reservations.erase("none"), 1U);
 }
 
+TEST(HostFault, GuidsOfAnUnregisteredOwnerAreFree) {
+    TestDaemon daemon;
+    daemon.options.reservation_allow_guid_override = true;
+    daemon.Create("B", {7});
+    daemon.Take();
+    const auto lost = daemon.manager->reservations.extract("B");
+    EXPECT_EQ(daemon.Create("K", {7}), VESK_STATUS_SUCCESS);
+    EXPECT_TRUE(
+        daemon.Take().starts_with("\n1 HandleAddedGuidsAndOtherReservations: -A- Could not find reservation that is "
+                                  "affected by new one: B\n3 InternalCreateNewReservation: "));
+    delete lost.mapped();
+}
+
 // The index changes before the record, the list after it and before the event.
 TEST(HostFault, ChangesShowInOrder) {
     struct Watcher : TestDaemon {
@@ -133,6 +146,7 @@ TEST(HostFault, CreateThatThrowsLeavesEverythingAsItWas) {
     // The created event is the call that throws now: no job is left that does not fit.
     daemon.Forget(**daemon.RunningJobs().rbegin());
     fits.ext_job_id.reservation_id = 0;
+    daemon.manager->reservation_keys_by_id.emplace(0, "L");
     const std::string without_job = daemon.State();
     daemon.calls_left = 1;
     EXPECT_THROW(daemon.Create("K", {1, 2}), std::runtime_error);

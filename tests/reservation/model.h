@@ -245,8 +245,10 @@ public:
         if ((operation.variant & 1) == 0) return;
         Reservation* const found = FindByJob(job);
         See("found " + (found != nullptr ? found->key : "nothing"));
-        if (found == nullptr || !Validate(*found, job)) return;
-        AddJob(*found, jobs_.back());
+        if (found == nullptr) return;
+        const bool is_valid = Validate(*found, job);
+        See(is_valid ? "validated 0" : "validated 11");
+        if (is_valid) AddJob(*found, jobs_.back());
     }
 
     void Add(const Operation& operation) {

@@ -46,8 +46,10 @@ public:
         ReservationInfo* const found = manager->GetReservationByJob(&job);
         SeeFound(found);
         JobResource resource{static_cast<uint16_t>((operation.planes % 256) * (operation.trees % 256))};
-        if (found == nullptr || manager->ValidateReservationResources(found, resource, &job) != 0) return;
-        manager->AddJob(found, &job);
+        if (found == nullptr) return;
+        const int status = manager->ValidateReservationResources(found, resource, &job);
+        See("validated " + std::to_string(status));
+        if (status == 0) manager->AddJob(found, &job);
     }
     void Add(const Operation& operation) {
         ReservationInfo* const reservation = manager->GetReservationInfoByKey(operation.key);

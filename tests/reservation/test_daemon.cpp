@@ -69,8 +69,9 @@ std::string Describe(const vesk_reservation_info& info) {
 
 std::string Pack(const vesk_reservation_info* info, int type) {
     const vesk_dov_msg msg{{}, const_cast<vesk_reservation_info*>(info)};
-    char* buffer = nullptr;
-    uint64_t length = 0;
+    char unset = 0;
+    char* buffer = &unset;
+    uint64_t length = 1;
     const int result = dov_msg_pack(0, type, 0, &msg, &buffer, &length);
     EXPECT_EQ(result != 0, buffer == nullptr);
     const std::string text(buffer != nullptr ? buffer : "", length);
@@ -79,7 +80,8 @@ std::string Pack(const vesk_reservation_info* info, int type) {
 }
 
 std::string Unpack(const std::string& text, int type) {
-    vesk_dov_msg* msg = nullptr;
+    vesk_dov_msg unset{};
+    vesk_dov_msg* msg = &unset;
     const int result = dov_msg_unpack(0, type, text.c_str(), &msg);
     EXPECT_EQ(result != 0, msg == nullptr);
     if (msg == nullptr) return "bad";

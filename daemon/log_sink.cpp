@@ -80,4 +80,10 @@ void WriteLog(int level, const std::string& message) {
     TheLog().logger.log(ToSpdlog(level), "DAEMON {}: {}", level, WithoutNewline(message));
 }
 
+// The level "off" of a record is never filtered, nor flushed; syslog gets it as information.
+void WriteAudit(const std::string& text) {
+    TheLog().logger.log(spdlog::level::off, "AUDIT {}", text);
+    TheLog().logger.flush();
+}
+
 }    // namespace reservationd

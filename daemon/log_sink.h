@@ -22,4 +22,7 @@ void OpenLog(const std::string& target, int level);
 void WriteLog(const LogRecord& record);
 void WriteLog(int level, const std::string& message);
 
+// Writes a record of who did what, whatever the level. May be called from any thread.
+void WriteAudit(const std::string& text);
+
 }    // namespace reservationd

@@ -219,6 +219,12 @@ void Engine::Reconfigure(const EngineSettings& settings) {
     new_settings_ = settings;
 }
 
+void Engine::NotifyOfWritability(std::function<void(bool is_writable)> listener) {
+    const util::MutexLock lock(&listener_mutex_);
+    writability_listener_ = std::move(listener);
+    if (writability_listener_) writability_listener_(published_writability_);
+}
+
 void Engine::Stop() {
     {
         const util::MutexLock lock(&mutex_);
@@ -357,11 +363,15 @@ std::string Engine::ProbeStore() {
     } catch (const StoreError& error) {
         fault = error.what();
     }
-    if (fault.empty() != store_is_writable_) {
-        WriteLog(fault.empty() ? kLogInfo : kLogError,
-                 fault.empty() ? "The store can be written again" : "Changes are refused until this ends: " + fault);
+    const bool was_writable = std::exchange(store_is_writable_, fault.empty());
+    if (store_is_writable_ == was_writable) return fault;
+    {
+        const util::MutexLock lock(&listener_mutex_);
+        published_writability_ = store_is_writable_;
+        if (writability_listener_) writability_listener_(store_is_writable_);
     }
-    store_is_writable_ = fault.empty();
+    WriteLog(fault.empty() ? kLogInfo : kLogError,
+             fault.empty() ? "The store can be written again" : "Changes are refused until this ends: " + fault);
     return fault;
 }
 

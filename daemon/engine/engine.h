@@ -74,6 +74,10 @@ public:
     // events are kept.
     void Reconfigure(const EngineSettings& settings);
 
+    // Tells the listener, at once and at every change, whether the store can be written; changes are refused while it
+    // cannot. The listener, null for none, returns at once, and is not called any more when this returns with another.
+    void NotifyOfWritability(std::function<void(bool is_writable)> listener);
+
     // Refuses all later calls, and ends the events.
     void Stop();
 
@@ -119,6 +123,10 @@ private:
     std::unique_ptr<ReservationState> state_;
     uint64_t failed_requests_ = 0;    // as of the last commit
     bool store_is_writable_ = true;    // outcome of the last write; while false, changes are refused
+
+    util::Mutex listener_mutex_;
+    bool published_writability_ ABSL_GUARDED_BY(listener_mutex_) = true;
+    std::function<void(bool is_writable)> writability_listener_ ABSL_GUARDED_BY(listener_mutex_);
 
     util::Mutex mutex_;
     std::deque<Call> calls_ ABSL_GUARDED_BY(mutex_);

@@ -1,5 +1,6 @@
 #include "daemon/rpc/server.h"
 
+#include <absl/strings/str_cat.h>
 #include <google/protobuf/stubs/logging.h>
 #include <grp.h>
 #include <grpc/support/log.h>
@@ -21,10 +22,12 @@
 #include <vector>
 
 #include "daemon/log_sink.h"
+#include "daemon/rpc/audit_log.h"
 #include "daemon/rpc/grpc_status.h"
 #include "daemon/rpc/service.h"
 #include "daemon/rpc/stream_limit.h"
 #include "util/file.h"
+#include "util/text.h"
 
 namespace reservationd {
 namespace {
@@ -40,7 +43,7 @@ constexpr size_t kMaxMemoryBytes = size_t{1} << 30;
 constexpr int kKeepaliveMillis = 30'000;
 constexpr int kKeepaliveTimeoutMillis = 10'000;
 
-constexpr std::chrono::seconds kShutdownTimeout{10};    // for calls under way
+constexpr std::chrono::seconds kShutdownTimeout{1};    // for what clients do not end, and replies that they do not read
 
 void ThrowErrno(const std::string& path, const std::string& what) {
     throw std::system_error(errno, std::generic_category(), path + ": " + what);
@@ -95,7 +98,7 @@ void GrantSocketToGroup(const std::string& group_name, const std::string& path) 
 // own.
 class LibraryServiceGuard : public grpc::AuthMetadataProcessor {
 public:
-    explicit LibraryServiceGuard(const AccessControl& access) : access_(access) {}
+    LibraryServiceGuard(const AccessControl& access, AuditLog& audit) : access_(access), audit_(audit) {}
 
     bool IsBlocking() const override { return false; }
 
@@ -105,11 +108,19 @@ public:
         const std::string_view method =
             path != metadata.end() ? std::string_view(path->second.data(), path->second.size()) : "";
         if (method.starts_with(kServicePrefix)) return grpc::Status::OK;
-        return ToGrpc(access_.Check({.is_local = false, .common_name = CommonName(*context)}, PermissionFor(method)));
+        const std::string name = CommonName(*context);
+        const absl::Status status = access_.Check({.is_local = false, .common_name = name}, PermissionFor(method));
+        if (!status.ok()) {
+            audit_.RecordDenial([&] {
+                return absl::StrCat("CN '", util::TruncateForMessage(name), "': ", util::Printable(method), ": denied");
+            });
+        }
+        return ToGrpc(status);
     }
 
 private:
     const AccessControl& access_;
+    AuditLog& audit_;
 };
 
 std::string ReadPem(const std::string& option, const std::string& path) {
@@ -119,13 +130,14 @@ std::string ReadPem(const std::string& option, const std::string& path) {
     return *std::move(content);
 }
 
-std::shared_ptr<grpc::ServerCredentials> MutualTls(const ServerSettings& settings, const AccessControl& access) {
+std::shared_ptr<grpc::ServerCredentials> MutualTls(const ServerSettings& settings, const AccessControl& access,
+                                                   AuditLog& audit) {
     grpc::SslServerCredentialsOptions options(GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
     options.pem_root_certs = ReadPem("tls-ca", settings.tls_ca);
     options.pem_key_cert_pairs.push_back(
         {ReadPem("tls-key", settings.tls_key), ReadPem("tls-cert", settings.tls_certificate)});
     auto credentials = grpc::SslServerCredentials(options);
-    credentials->SetAuthMetadataProcessor(std::make_shared<LibraryServiceGuard>(access));
+    credentials->SetAuthMetadataProcessor(std::make_shared<LibraryServiceGuard>(access, audit));
     return credentials;
 }
 
@@ -133,14 +145,16 @@ std::shared_ptr<grpc::ServerCredentials> MutualTls(const ServerSettings& setting
 
 struct Server::Listener {
     const AccessControl access;
+    AuditLog audit;
     Service service;
     std::unique_ptr<grpc::Server> server;
 
-    Listener(const ServerSettings& settings, Engine& engine) : access(settings.access), service(engine, access) {}
+    Listener(const ServerSettings& settings, Engine& engine)
+        : access(settings.access), service(engine, access, audit) {}
 };
 
 Server::Server(const ServerSettings& settings, Engine& engine)
-    : listener_(std::make_unique<Listener>(settings, engine)) {
+    : engine_(engine), listener_(std::make_unique<Listener>(settings, engine)) {
     gpr_set_log_function(LogGrpc);
     google::protobuf::SetLogHandler(nullptr);    // what it finds in a message, the client is told
     grpc::EnableDefaultHealthCheckService(true);
@@ -159,7 +173,7 @@ Server::Server(const ServerSettings& settings, Engine& engine)
         builder.AddListeningPort("unix:" + settings.socket, grpc::InsecureServerCredentials());
     }
     if (!settings.tcp_address.empty()) {
-        builder.AddListeningPort(settings.tcp_address, MutualTls(settings, listener_->access));
+        builder.AddListeningPort(settings.tcp_address, MutualTls(settings, listener_->access, listener_->audit));
     }
 
     // The socket is created with mode 0600.
@@ -172,9 +186,13 @@ Server::Server(const ServerSettings& settings, Engine& engine)
                                  settings.tcp_address);
     }
     GrantSocketToGroup(settings.socket_group, settings.socket);
+    engine_.NotifyOfWritability([health = listener_->server->GetHealthCheckService()](bool is_writable) {
+        health->SetServingStatus(is_writable);
+    });
 }
 
 Server::~Server() {
+    engine_.NotifyOfWritability(nullptr);
     listener_->service.EndSessions();
     listener_->server->Shutdown(std::chrono::system_clock::now() + kShutdownTimeout);
 }

@@ -21,7 +21,8 @@ struct ServerSettings {
 
 class Server {
 public:
-    // Listens from now on. Throws std::runtime_error, with a message that names the path or address, when it cannot.
+    // Listens from now on. Health is NOT_SERVING while the engine refuses changes. `engine` must outlive this. Throws
+    // std::runtime_error, with a message that names the path or address, when it cannot.
     Server(const ServerSettings& settings, Engine& engine);
 
     // Ends the connections. Calls that the engine has must be answered within a few seconds.
@@ -29,6 +30,7 @@ public:
 
 private:
     struct Listener;
+    Engine& engine_;
     std::unique_ptr<Listener> listener_;
 };
 

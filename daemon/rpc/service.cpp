@@ -44,6 +44,26 @@ private:
     grpc::ByteBuffer* const reply_bytes_;
 };
 
+// A request that only reads is nothing to record.
+template <typename Request, typename Reply>
+void RecordChange(AuditLog& audit, const grpc::CallbackServerContext& context, const Request& request,
+                  const Reply& reply, const absl::Status& status) {
+    if constexpr (requires { DescribeOperation(request); }) {
+        audit.RecordChange([&] { return DescribeCaller(context); }, request, reply, status);
+    }
+}
+
+// Also records the operations one by one, if they were carried out.
+void RecordChange(AuditLog& audit, const grpc::CallbackServerContext& context, const v1::TransactRequest& request,
+                  const v1::TransactReply& reply, const absl::Status& status) {
+    const auto caller = [&] { return DescribeCaller(context); };
+    audit.RecordChange(caller, request, reply, status);
+    if (!status.ok() || !reply.accepted()) return;
+    for (int i = 0; i < reply.replies_size(); ++i) {
+        audit.RecordChange(caller, request.operations(i), reply.replies(i), status);
+    }
+}
+
 // A stream that ends before it began.
 template <typename Reactor>
 class Refused : public Reactor {
@@ -54,12 +74,22 @@ public:
 
 }    // namespace
 
-Service::Service(Engine& engine, const AccessControl& access)
+Service::Service(Engine& engine, const AccessControl& access, AuditLog& audit)
     : engine_(engine),
       access_(access),
+      audit_(audit),
       started_unix_millis_(
           std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
               .count()) {}
+
+absl::Status Service::CheckAccess(const grpc::CallbackServerContext& context, const char* method,
+                                  Permission permission) {
+    const absl::Status status = access_.Check(ClientOf(context), permission);
+    if (!status.ok()) {
+        audit_.RecordDenial([&] { return absl::StrCat(DescribeCaller(context), ": ", method, ": denied"); });
+    }
+    return status;
+}
 
 // ---- Calls with one reply ----
 
@@ -71,7 +101,7 @@ grpc::ServerUnaryReactor* Service::Submit(grpc::CallbackServerContext* context, 
     const absl::Status parsed = ParseMessage(request, &call->request);
     const Permission permission =
         IsDryRun(call->request) ? Permission::kRead : PermissionFor(absl::StrCat(kServicePrefix, method));
-    absl::Status status = access_.Check(ClientOf(*context), permission);
+    absl::Status status = CheckAccess(*context, method, permission);
     status.Update(parsed);
     if (status.ok()) status = ValidateRequest(call->request);
     if (!status.ok()) {
@@ -83,8 +113,13 @@ grpc::ServerUnaryReactor* Service::Submit(grpc::CallbackServerContext* context, 
                         call->reply.Clear();
                         call->outcome = run(state, call->request, &call->reply);
                     },
-                    [call](Refusal refusal, const std::string& reason) {
-                        call->Answer(refusal == Refusal::kNone ? call->outcome : ToStatus(refusal, reason));
+                    [this, call, context, permission](Refusal refusal, const std::string& reason) {
+                        const absl::Status outcome =
+                            refusal == Refusal::kNone ? call->outcome : ToStatus(refusal, reason);
+                        if (permission == Permission::kChange) {
+                            RecordChange(audit_, *context, call->request, call->reply, outcome);
+                        }
+                        call->Answer(outcome);
                     }});
     return call;
 }
@@ -170,7 +205,7 @@ grpc::ServerUnaryReactor* Service::GetDaemonInfo(grpc::CallbackServerContext* co
 // ---- Streams ----
 
 absl::StatusOr<StreamLimit::Slot> Service::OpenStream(grpc::CallbackServerContext& context, const char* method) {
-    const absl::Status status = access_.Check(ClientOf(context), PermissionFor(absl::StrCat(kServicePrefix, method)));
+    const absl::Status status = CheckAccess(context, method, PermissionFor(absl::StrCat(kServicePrefix, method)));
     if (!status.ok()) return status;
     return stream_limit_.Open(context);
 }
@@ -178,7 +213,7 @@ absl::StatusOr<StreamLimit::Slot> Service::OpenStream(grpc::CallbackServerContex
 grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer>* Service::Session(grpc::CallbackServerContext* context) {
     absl::StatusOr<StreamLimit::Slot> slot = OpenStream(*context, "Session");
     if (!slot.ok()) return new Refused<grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer>>(slot.status());
-    return sessions_.Begin(engine_, *std::move(slot));
+    return sessions_.Begin(engine_, audit_, DescribeCaller(*context), *std::move(slot));
 }
 
 grpc::ServerWriteReactor<grpc::ByteBuffer>* Service::Watch(grpc::CallbackServerContext* context,

@@ -10,6 +10,7 @@
 
 #include "daemon/engine/engine.h"
 #include "daemon/rpc/access.h"
+#include "daemon/rpc/audit_log.h"
 #include "daemon/rpc/session.h"
 #include "daemon/rpc/stream_limit.h"
 #include "reservation/v1/reservation.grpc.pb.h"
@@ -32,8 +33,8 @@ using RawService = v1::ReservationService::WithRawCallbackMethod_GetDaemonInfo<
 
 class Service final : public RawService {
 public:
-    // Both must outlive the calls.
-    Service(Engine& engine, const AccessControl& access);
+    // All must outlive the calls.
+    Service(Engine& engine, const AccessControl& access, AuditLog& audit);
 
     grpc::ServerUnaryReactor* CreateReservation(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,
                                                 grpc::ByteBuffer* reply) override;
@@ -74,10 +75,12 @@ private:
     grpc::ServerUnaryReactor* Serve(grpc::CallbackServerContext* context, const char* method,
                                     const grpc::ByteBuffer& request, grpc::ByteBuffer* reply,
                                     void (ReservationState::*operation)(const Request&, Reply*));
+    absl::Status CheckAccess(const grpc::CallbackServerContext& context, const char* method, Permission permission);
     absl::StatusOr<StreamLimit::Slot> OpenStream(grpc::CallbackServerContext& context, const char* method);
 
     Engine& engine_;
     const AccessControl& access_;
+    AuditLog& audit_;
     const int64_t started_unix_millis_;
     StreamLimit stream_limit_;
     SessionList sessions_;

@@ -64,8 +64,16 @@ void Session::Submit() {
                         RunOperation(state, exchange.request.operation(), exchange.reply.mutable_reply());
                     },
                     [self = shared_from_this(), &exchange](Refusal refusal, const std::string& reason) {
-                        self->Answer(exchange, ToStatus(refusal, reason));
+                        const absl::Status outcome = ToStatus(refusal, reason);
+                        self->RecordChange(exchange, outcome);
+                        self->Answer(exchange, outcome);
                     }});
+}
+
+void Session::RecordChange(const Exchange& exchange, const absl::Status& outcome) {
+    const v1::Operation& operation = exchange.request.operation();
+    if (!IsDryRun(operation))
+        audit_.RecordChange([this] { return caller_; }, operation, exchange.reply.reply(), outcome);
 }
 
 void Session::Answer(Exchange& exchange, const absl::Status& status) {
@@ -120,8 +128,8 @@ bool Session::IsToRead() const {
 
 // ---- All sessions ----
 
-Session* SessionList::Begin(Engine& engine, StreamLimit::Slot slot) {
-    const auto session = std::make_shared<Session>(engine, *this, std::move(slot));
+Session* SessionList::Begin(Engine& engine, AuditLog& audit, const std::string& caller, StreamLimit::Slot slot) {
+    const auto session = std::make_shared<Session>(engine, audit, *this, caller, std::move(slot));
     bool is_ended = false;
     {
         const util::MutexLock lock(&mutex_);

@@ -9,9 +9,11 @@
 #include <deque>
 #include <memory>
 #include <set>
+#include <string>
 #include <utility>
 
 #include "daemon/engine/engine.h"
+#include "daemon/rpc/audit_log.h"
 #include "daemon/rpc/stream_limit.h"
 #include "reservation/v1/reservation.pb.h"
 #include "util/mutex.h"
@@ -27,9 +29,9 @@ class SessionList;
 class Session : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer>,
                 public std::enable_shared_from_this<Session> {
 public:
-    // Both must outlive the call.
-    Session(Engine& engine, SessionList& list, StreamLimit::Slot slot)
-        : engine_(engine), list_(list), slot_(std::move(slot)) {}
+    // The engine, the audit and the list must outlive the call. `caller`: for the audit.
+    Session(Engine& engine, AuditLog& audit, SessionList& list, std::string caller, StreamLimit::Slot slot)
+        : engine_(engine), audit_(audit), list_(list), caller_(std::move(caller)), slot_(std::move(slot)) {}
 
     void Start() { GoOn(); }
 
@@ -49,12 +51,15 @@ private:
 
     Exchange& Enter();
     void Submit();
+    void RecordChange(const Exchange& exchange, const absl::Status& outcome);
     void Answer(Exchange& exchange, const absl::Status& status);
     void GoOn();
     bool IsToRead() const ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
     Engine& engine_;
+    AuditLog& audit_;
     SessionList& list_;
+    const std::string caller_;
     const StreamLimit::Slot slot_;
     grpc::ByteBuffer incoming_;    // used by the read under way
     grpc::ByteBuffer outgoing_;    // used by the write under way
@@ -72,7 +77,7 @@ private:
 class SessionList {
 public:
     // Returns a session that has started.
-    Session* Begin(Engine& engine, StreamLimit::Slot slot);
+    Session* Begin(Engine& engine, AuditLog& audit, const std::string& caller, StreamLimit::Slot slot);
 
     // Ends the sessions, those that begin later as well.
     void End();

@@ -69,7 +69,7 @@ Request RequestFor(const std::string& key) {
 
 // How a method, of any service, answers the bytes of a request.
 grpc::Status CallRaw(const std::shared_ptr<grpc::Channel>& channel, const std::string& method,
-                     const std::string& request) {
+                     const std::string& request, std::string* reply_text = nullptr) {
     grpc::ClientContext context;
     context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(10));
     const grpc::Slice slice(request);
@@ -78,7 +78,12 @@ grpc::Status CallRaw(const std::shared_ptr<grpc::Channel>& channel, const std::s
     std::promise<grpc::Status> outcome;
     grpc::GenericStub(channel).UnaryCall(&context, method, {}, &message, &reply,
                                          [&](const grpc::Status& status) { outcome.set_value(status); });
-    return outcome.get_future().get();
+    const grpc::Status status = outcome.get_future().get();
+    grpc::Slice bytes;
+    if (reply_text != nullptr && reply.DumpToSingleSlice(&bytes).ok()) {
+        reply_text->assign(reinterpret_cast<const char*>(bytes.begin()), bytes.size());
+    }
+    return status;
 }
 
 std::string Replaced(const std::string& text, const std::string& what, const std::string& with) {
@@ -363,8 +368,15 @@ TEST_F(EndToEndTest, AFullDiskRefusesChangesUntilThereIsSpace) {
                   "the store cannot be written: disk I/O error\nexit 5\n");
     }
     EXPECT_EQ(look(), before);
+    const auto health = [channel = grpc::CreateChannel(Address(), grpc::InsecureChannelCredentials())] {
+        std::string reply;
+        CallRaw(channel, "/grpc.health.v1.Health/Check", "", &reply);
+        return reply;
+    };
+    EXPECT_EQ(health(), "\x08\2");    // NOT_SERVING
     ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_FSIZE, &limit, nullptr), 0);
     daemon->WaitFor("The store can be written again");
+    EXPECT_EQ(health(), "\x08\1");
     Ctl("job begin 8 --guids 2");
     daemon.reset();
     daemon = Serve();
@@ -408,6 +420,8 @@ for name in daemon operator viewer stranger; do make $name /CN=$name "$(signed_b
         EXPECT_TRUE(std::regex_match(output, std::regex("reservationctl: no TLS connection to .*\nexit 4\n")))
             << output;
     }
+    daemon->WaitFor("CreateReservation 'A': STATUS_SUCCESS\n");
+    daemon->WaitFor(": GetReservations: denied\n");
 
     const std::string service = "/reservation.v1.ReservationService/";
     const std::map<std::string, bool> may_be_called_by_readers = {

@@ -34,6 +34,7 @@ public:
     }
     bool AwaitWithDeadline(const absl::Condition& condition, absl::Time deadline) ABSL_EXCLUSIVE_LOCKS_REQUIRED(this) {
         std::unique_lock lock(mutex_, std::adopt_lock);
+        changed_.notify_all();    // waiting gives the mutex up, as Unlock does
         while (!condition.Eval() && absl::Now() < deadline) {
             if (deadline == absl::InfiniteFuture()) {
                 changed_.wait(lock);

@@ -37,7 +37,9 @@ std::string DescribeOperation(const v1::DeleteReservationRequest& request) {
     return Quoted("DeleteReservation", request.key());
 }
 
-std::string DescribeOperation(const v1::BeginJobRequest& request) { return absl::StrCat("BeginJob ", request.job_id()); }
+std::string DescribeOperation(const v1::BeginJobRequest& request) {
+    return absl::StrCat("BeginJob ", request.job_id());
+}
 
 std::string DescribeOperation(const v1::EndJobRequest& request) { return absl::StrCat("EndJob ", request.job_id()); }
 

@@ -193,6 +193,11 @@ TEST(OutOfMemory, File) {
         EXPECT_EQ(g_num_live, num_live);
     };
     RepeatShort(prepare, read, check, 3);
+
+    // No text makes room for more GUIDs than it has.
+    std::string text = Content(path);
+    text.replace(text.find("num_guids 2"), 11, "num_guids 4294967295");
+    EXPECT_EQ(Unpack(Sealed(text)), "bad");
 }
 
 // A file that no memory holds says nothing about itself, and nothing about the others; one that is larger than any

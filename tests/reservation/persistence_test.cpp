@@ -77,7 +77,8 @@ TEST(Message, RefusesWhatPackingDoesNotWrite) {
         "num_guids 2$guid 0x0000000000000001$guid 0x0000000000000002$>num_guids 9$|guid 0x0000000000000002$>|"
         "0000002$>0000002$guid 0x0000000000000002$|0x0000000000000002>2|000000002$>$|"
         "0x0000000000000002>0x0000000g00000002|0002$>000g$|0x7fff>0x7FFF|0x7fff>0x17fff|0x7fff>0x7ff|0x7fff>32767|"
-        "state 1>state  1|state 1>state 4294967296|state 1$>|state 1$>state 1$state 1$|state 1$>state 1 $|"
+        "state 1>state  1|state 1>state |state 1>state 4294967296|state 1$>|state 1$>state 1$state 1$|state 1$>state 1 "
+        "$|"
         "state 1$>state 1\r$|created 255>created 256|created 255>created -1|auto_created 255$>|255$>255$$|"
         "64 none>64 4294967295|64 none>64 None|64 none>64none|64 none>64|64 none>64 none none|a\\\\b>a\\b|"
         "\\x01>\\x5c|\\x01>\\x61|\\x01>\\x00|a\\\\b>a\x02|\\x01>\\x1|\\x01>\\|a\\\\b>" +

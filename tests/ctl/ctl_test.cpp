@@ -86,7 +86,7 @@ protected:
         std::cerr.rdbuf(before[2]);
         const std::string text =
             Replaced(Replaced(output.str(), dir_.path(), "DIR"), "(daemon|ended|its reservation): .*", "$1: REASON");
-        return Replaced(text, "\\d{4}-\\d\\d-\\d\\dT[0-9:]{8}Z", "TIME") +
+        return Replaced(text, "20\\d\\d-\\d\\d-\\d\\dT[0-9:]{8}Z", "TIME") +
                (status == 0 ? "" : "exit " + std::to_string(status) + "\n");
     }
 
@@ -130,13 +130,15 @@ protected:
 
 constexpr char kBefore[] = R"({"key": "A", "pkey": 1, "guids": ["1-4"]}, {"key": "B", "pkey": 1, "guids": ["5-8"]},
     {"key": "C", "pkey": 1, "guids": ["9-10"]}, {"key": "D", "pkey": 1, "guids": ["11-12"]},
-    {"key": "E", "pkey": 1, "guids": [13], "limits": {"numTrees": 4}}, {"key": "I", "pkey": 1, "guids": [18]})";
+    {"key": "E", "pkey": 1, "guids": [13], "limits": {"numTrees": 4}}, {"key": "I", "pkey": 1, "guids": [18]},
+    {"key": "K", "pkey": 1, "guids": [19], "limits": {"numTrees": 4}})";
 
-constexpr char kAfter[] = R"({"key": "A", "pkey": 1, "guids": ["4-8"]}, {"key": "B", "pkey": 1, "guids": ["1-3", 9]},
+constexpr char kAfter[] = R"({"key": "A", "pkey": 1, "guids": ["4-8"]}, {"key": "B", "pkey": 1, "guids": [9, "1-3"]},
     {"key": "D", "pkey": "0x2", "guids": ["11-12"]}, {"key": "F", "pkey": 1, "guids": [10, 15]},
     {"key": "E", "pkey": 1, "guids": [14], "limits": {"num_trees": 4, "limit0": 4294967295}},
     {"key": "G", "pkey": 1, "guids": [16], "limits": {"numTrees": 2, "limit6": 1}},
-    {"key": "H", "pkey": 1, "guids": []}, {"key": "I", "pkey": 1, "guids": [18], "autoCreated": true})";
+    {"key": "H", "pkey": 1, "guids": []}, {"key": "I", "pkey": 1, "guids": [18], "autoCreated": true},
+    {"key": "K", "pkey": 1, "guids": [19], "limits": {"numTrees": 5}})";
 
 constexpr char kPlan[] = R"(1. change A: remove 3 GUIDs (0x1-0x3)
 2. change B: remove 4 GUIDs (0x5-0x8)
@@ -145,15 +147,17 @@ constexpr char kPlan[] = R"(1. change A: remove 3 GUIDs (0x1-0x3)
    would end 1 job: 7
 5. delete D, because its pkey becomes 0x2 instead of 0x1
 6. delete I, because its mark as made from pkeys changes
-7. change A: add 4 GUIDs (0x5-0x8)
-8. change B: add 4 GUIDs (0x1-0x3,0x9)
-9. create D: pkey 0x2, limits none, 2 GUIDs (0xb-0xc)
-10. create F: pkey 0x1, limits none, 2 GUIDs (0xa,0xf)
-11. create G: pkey 0x1, limits num_trees=2,limit6=1, 1 GUID (0x10)
-12. create H: pkey 0x1, limits none, 1 GUID (0x11), because nothing is created without GUIDs
-13. change H: remove 1 GUID (0x11)
-14. create I: pkey 0x1, limits none, 1 GUID (0x12)
-14 steps, ending 1 job
+7. delete K, because its limits change
+8. change A: add 4 GUIDs (0x5-0x8)
+9. change B: add 4 GUIDs (0x1-0x3,0x9)
+10. create D: pkey 0x2, limits none, 2 GUIDs (0xb-0xc)
+11. create F: pkey 0x1, limits none, 2 GUIDs (0xa,0xf)
+12. create G: pkey 0x1, limits num_trees=2,limit6=1, 1 GUID (0x10)
+13. create H: pkey 0x1, limits none, 1 GUID (0x11), because nothing is created without GUIDs
+14. change H: remove 1 GUID (0x11)
+15. create I: pkey 0x1, limits none, 1 GUID (0x12)
+16. create K: pkey 0x1, limits num_trees=5, 1 GUID (0x13)
+16 steps, ending 1 job
 )";
 
 TEST_F(CtlTest, ApplyShowsItsPlanAsksAndDoesThatOrNothing) {
@@ -183,11 +187,11 @@ TEST_F(CtlTest, ApplyShowsItsPlanAsksAndDoesThatOrNothing) {
     const auto take_guid = [&] { Ctl("create J --pkey 1 --guids 16"); };
     EXPECT_EQ(Ctl("apply DIR/after", "Y\n", take_guid),
               kPlan + ("Carry this out? [y/N] " + meanwhile) +
-                  "expected_version is 6, but meanwhile the newest event is 7)\nexit 7\n");
+                  "expected_version is 7, but meanwhile the newest event is 8)\nexit 7\n");
     Ctl("delete J");
     EXPECT_EQ(Ctl("apply DIR/after", "Y\n"), kPlan + std::string("Carry this out? [y/N] done\nended 1 job: 7\n"));
     ExpectSession(R"($ apply DIR/after
-nothing to change: 8 reservations as declared
+nothing to change: 9 reservations as declared
 $ list
 KEY  PKEY  HCAS           TREES  JOBS  GUIDS
 A     0x1     5  0 of unlimited     0  0x4-0x8
@@ -198,6 +202,7 @@ F     0x1     2  0 of unlimited     0  0xa,0xf
 G     0x1     1          0 of 2     0  0x10
 H     0x1     0  0 of unlimited     0
 I     0x1     1  0 of unlimited     0  0x12
+K     0x1     1          0 of 5     0  0x13
 )");
     // A step that is refused is shown, and ends the plan.
     Ctl("job begin 9 --guids 4");
@@ -207,13 +212,13 @@ I     0x1     1  0 of unlimited     0  0x12
     Declare("moved", Replaced(Replaced(kAfter, "4-8", "5-8"), "1-3", "1-4"));
     EXPECT_TRUE(Ctl("apply DIR/moved --yes").starts_with(plan + "step 1 would be refused: STATUS_GUIDS_USED_BY_JOB: "));
     EXPECT_EQ(Ctl("apply - --yes", "{\"reservations\": [" + std::string(kAfter) + "]}"),
-              "nothing to change: 8 reservations as declared\n");
+              "nothing to change: 9 reservations as declared\n");
 }
 
 TEST_F(CtlTest, EveryReplyIsShownInWords) {
     WriteFile("hosts", "# hosts of rack 7\n0x30-0x31, 50 # 0x33\n\n0200:0000:00a1:b2c0\r\n");
     ExpectSession(
-        R"($ create größe --pkey 0x8001 --guids 19,0x10-0x12 --guids @DIR/hosts --guids - --num-trees 8 --limit limit0=0 <<< 0x40 65 # 66
+        R"($ create größe --pkey 0x8001 --guids 19,0x10-0x12 --guids @DIR/hosts --guids - --num-trees 8 --limit limit0=0 --auto-created <<< 0x40 65 # 66
 in force:
 KEY      PKEY  HCAS   TREES  JOBS  GUIDS
 größe  0x8001    10  0 of 8     0  0x10-0x13,0x30-0x32,0x40-0x41,0x200000000a1b2c0
@@ -231,7 +236,7 @@ key              größe
 id               9134505343215937736
 state            active
 pkey             0x8001
-made from pkeys  no
+made from pkeys  yes
 limits           limit0=0,num_trees=8
 trees            6 of 8
 jobs             7
@@ -349,6 +354,7 @@ oops => DIR/declared: parse error at line 1, column 19: *
     }
     ExpectFaults(2, "delete \xff => KEY: '\\xff' is not UTF-8");
     EXPECT_EQ(Ctl("list --keys") + Ctl("show A").substr(0, 4), "A\nkey ");
+    EXPECT_TRUE(Ctl("--help").ends_with("  reservationctl apply backup.json\n"));
 }
 
 TEST_F(CtlTest, ADaemonThatDoesNotAnswerIsToldFromAWrongAddress) {

@@ -216,8 +216,30 @@ TEST_F(DaemonTest, FilesFollowTheStoreUnlessTheyAreAnOperators) {
     }
     EXPECT_EQ(FilesIn(""), "reservation.A reservation.C reservation.D ");
     EXPECT_EQ(FilesIn("ignored"), "reservation.E reservation.README ");
-    EXPECT_NE(Content(PathOf("log")).find("gives reservation E the GUID 0x4, which reservation C has"),
+    EXPECT_NE(Content(PathOf("log"))
+                  .find("Reservation file " + PathOf("reservation.E") +
+                        " gives reservation E the GUID 0x4, which reservation C has. It is moved to " +
+                        PathOf("ignored/reservation.E")),
               std::string::npos);
+}
+
+TEST_F(DaemonTest, AFileThatMayBeOlderThanTheStoreIsNotTaken) {
+    const std::string file = PathOf("reservation.A");
+    const std::string journal = PathOf("mirror.sqlite");
+    Daemon(settings).Create("key: 'A' guids: 1");
+    const std::string older = Content(file);
+    Daemon(settings).Call(true, &ReservationState::UpdateReservation, "key: 'A' add_guids: 2");
+    for (const bool has_lost_power : {true, false}) {
+        Write(file, older);
+        if (has_lost_power) {
+            SQLite::Database(journal, SQLite::OPEN_READWRITE).exec("UPDATE meta SET boot_id = 'another', is_clean = 0");
+        } else {
+            Write(journal, std::string(100, 'x'));
+        }
+        EXPECT_EQ(Daemon(settings).State(), "A {1,2,} 0 trees, jobs\n");
+    }
+    EXPECT_EQ(FilesIn("ignored"), "reservation.A reservation.A~1 ");
+    EXPECT_NE(Content(PathOf("log")).find(journal + " is begun anew: "), std::string::npos);
 }
 
 TEST_F(DaemonTest, ADamagedRowIsSetAsideAndEverythingElseIsThere) {
@@ -240,8 +262,35 @@ TEST_F(DaemonTest, ADamagedRowIsSetAsideAndEverythingElseIsThere) {
         EXPECT_EQ(daemon.Events(), "1_NONE ; 2_RESERVATION_CREATED B; 3_RESERVATION_UPDATED A; ");
     };
     expect_all_but_the_job();
+    EXPECT_NE(Content(PathOf("log")).find("stored job 8 is damaged and set aside"), std::string::npos);
     expect_all_but_the_job();
-    EXPECT_EQ(SQLite::Database(store).execAndGet("SELECT count(*) FROM damaged").getInt(), 3);
+    EXPECT_EQ(SQLite::Database(store)
+                  .execAndGet("SELECT group_concat(kind || ' ' || name || ' ' || typeof(content)) FROM damaged")
+                  .getString(),
+              "reservations A text,jobs 8 blob,events 1 blob");
+}
+
+TEST_F(DaemonTest, FilesThatCannotBeWrittenAreToldOfAndWrittenLater) {
+    {
+        Daemon daemon(settings);
+        fs::remove(PathOf(".staging"));
+        daemon.Create("key: 'A' guids: [1, 2]");
+        v1::DaemonInfo info = daemon.Info();
+        EXPECT_EQ(info.warnings_size(), 0);
+        while (info.warnings_size() == 0) info = daemon.Info();
+        EXPECT_EQ(info.warnings(0), "reservation files cannot be written: " + PathOf(".staging/0") +
+                                        ": cannot be opened: No such file or directory");
+        EXPECT_EQ(info.unwritten_files(), 1U);
+        EXPECT_GE(info.unwritten_files_age_millis(), 1000U);
+        EXPECT_EQ(FilesIn(""), "");
+
+        daemon.engine.Stop();
+        daemon.engine.Submit({true, nullptr, [](Refusal refusal, const std::string& text) {
+                                  EXPECT_EQ(refusal, Refusal::kStopping);
+                                  EXPECT_EQ(text, "the daemon is stopping");
+                              }});
+    }
+    const Daemon writes_the_files(settings);
 }
 
 TEST_F(DaemonTest, AStoreThatIsNotAsItWasLeftIsNoticed) {
@@ -346,29 +395,6 @@ TEST_F(DaemonTest, TheMirrorIsNeverFarBehindAndLeavesNothingOfDeletedKeys) {
     EXPECT_LE(most_dirty_keys, 10'300U);
     EXPECT_EQ(FilesIn(""), "reservation.49998 reservation.49999 ");
     EXPECT_EQ(journal.Read().size(), 2U);
-}
-
-TEST_F(DaemonTest, ADryRunTellsWhatWouldHappenAndDoesNothing) {
-    settings.options.reservation_allow_guid_override = true;
-    settings.options.reservation_allow_ending_jobs = true;
-    Daemon daemon(settings);
-    daemon.Create("key: 'A' guids: [1, 2]");
-    daemon.Create("key: 'B' guids: [3, 4]");
-    daemon.Begin("job_id: 7 guids: [3] trees: 2");
-    const std::string state = daemon.State();
-    const std::string events = daemon.Events();
-
-    const v1::ReservationReply foretold =
-        daemon.Call(false, &ReservationState::CreateReservation, "key: 'A' guids: [2, 4] dry_run: true");
-    EXPECT_EQ(daemon.State(), state);
-    EXPECT_EQ(daemon.Events(), events);
-    EXPECT_EQ(foretold.consequences().deleted_reservation_keys(0), "B");
-    EXPECT_EQ(foretold.consequences().ended_job_ids(0), 7U);
-    EXPECT_EQ(foretold.SerializeAsString(), daemon.Create("key: 'A' guids: [2, 4]").SerializeAsString());
-    EXPECT_EQ(daemon.State(), "A {2,4,} 0 trees, jobs\n");
-    EXPECT_EQ(daemon.Events(), events +
-                                   "3_RESERVATION_UPDATED A; 4_JOB_ERROR B 7; 5_JOB_END B 7; "
-                                   "6_RESERVATION_REMOVED B; ");
 }
 
 TEST_F(DaemonTest, JobsAreCountedAgainWhenTheirPortsAreReportedAgain) {

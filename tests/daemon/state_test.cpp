@@ -80,14 +80,14 @@ protected:
 };
 
 TEST_F(StateTest, ATransactionIsCarriedOutAsForetoldOrNotAtAll) {
-    Run("operations { create_reservation { key: 'A' guids: [1, 2] } } operations { begin_job { job_id: 6 guids: 1 "
+    Run("operations { create_reservation { key: 'A' guids: [1, 2] } } operations { begin_job { job_id: 1 guids: 1 "
         "trees: 1 } } operations { create_reservation { key: 'B' guids: [3, 4] } } operations { begin_job { job_id: 7 "
         "guids: 3 trees: 2 } }");
     state.TakeChanges();
     const std::string before = All();
     const std::string operations =
-        "operations { end_job { job_id: 6 } } operations { update_reservation { key: 'A' add_guids: 4 remove_guids: 1 "
-        "} } operations { create_reservation { key: 'C' guids: [1, 5] } } operations { begin_job { job_id: 6 guids: "
+        "operations { end_job { job_id: 1 } } operations { update_reservation { key: 'A' add_guids: 4 remove_guids: 1 "
+        "} } operations { create_reservation { key: 'C' guids: [1, 5] } } operations { begin_job { job_id: 1 guids: "
         "[1, 5] trees: 1 } } ";
     const std::string foretold = Run(operations + "dry_run: true");
     EXPECT_NE(foretold.find("consequences { deleted_reservation_keys: \"B\" ended_job_ids: 7 }"), std::string::npos);
@@ -112,7 +112,12 @@ TEST_F(StateTest, ATransactionIsCarriedOutAsForetoldOrNotAtAll) {
     EXPECT_EQ(Run(operations + "expected_version { epoch: 'e' sequence: 9 } allowed_consequences { "
                                "deleted_reservation_keys: 'B' ended_job_ids: 7 }"),
               foretold);
-    EXPECT_EQ(Pages(0), (std::vector<std::string>{"AC", "6"}));
+    EXPECT_EQ(Pages(0), (std::vector<std::string>{"AC", "1"}));
+
+    v1::ReservationReply summary;
+    state.GetReservations(Parse<v1::GetReservationsRequest>("key: 'C'"), &summary);
+    EXPECT_EQ(summary.reservations(0).guids_size(), 0);
+    EXPECT_NE(Run("operations { delete_reservation { key: 'A' } }").find("guids: 2 guids: 4"), std::string::npos);
 }
 
 TEST_F(StateTest, APageHoldsAsManyEntriesAsAClientTakes) {

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "daemon/log_sink.h"
+#include "daemon/rpc/acceptor.h"
 #include "daemon/rpc/audit_log.h"
 #include "daemon/rpc/grpc_status.h"
 #include "daemon/rpc/service.h"
@@ -42,6 +43,11 @@ constexpr size_t kMaxMemoryBytes = size_t{1} << 30;
 // an answer.
 constexpr int kKeepaliveMillis = 30'000;
 constexpr int kKeepaliveTimeoutMillis = 10'000;
+
+// A connection is closed when its client has not begun to speak gRPC after the first time span, or has had no call for
+// the second one.
+constexpr int kHandshakeTimeoutMillis = 10'000;
+constexpr int kMaxIdleMillis = 300'000;
 
 constexpr std::chrono::seconds kShutdownTimeout{1};    // for what clients do not end, and replies that they do not read
 
@@ -148,6 +154,7 @@ struct Server::Listener {
     AuditLog audit;
     Service service;
     std::unique_ptr<grpc::Server> server;
+    Acceptor acceptor;    // ends before the server that it hands connections to
 
     Listener(const ServerSettings& settings, Engine& engine)
         : access(settings.access), service(engine, access, audit) {}
@@ -167,25 +174,23 @@ Server::Server(const ServerSettings& settings, Engine& engine)
     builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, kMaxCallsPerConnection);
     builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, kKeepaliveMillis);
     builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, kKeepaliveTimeoutMillis);
-    builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
+    builder.AddChannelArgument(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS, kHandshakeTimeoutMillis);
+    builder.AddChannelArgument(GRPC_ARG_MAX_CONNECTION_IDLE_MS, kMaxIdleMillis);
     if (!settings.socket.empty()) {
         CheckSocketIsFree(settings.socket);
-        builder.AddListeningPort("unix:" + settings.socket, grpc::InsecureServerCredentials());
+        const mode_t old_mask = umask(0177);    // of the socket: its owner's alone
+        listener_->acceptor.ListenOnUnix(settings.socket, builder);
+        umask(old_mask);
     }
     if (!settings.tcp_address.empty()) {
-        builder.AddListeningPort(settings.tcp_address, MutualTls(settings, listener_->access, listener_->audit));
+        listener_->acceptor.ListenOnTcp(settings.tcp_address, MutualTls(settings, listener_->access, listener_->audit),
+                                        builder);
     }
 
-    // The socket is created with mode 0600.
-    const mode_t old_mask = umask(0177);
     listener_->server = builder.BuildAndStart();
-    umask(old_mask);
-    if (listener_->server == nullptr) {
-        throw std::runtime_error("cannot listen on " + settings.socket +
-                                 (settings.socket.empty() || settings.tcp_address.empty() ? "" : " and ") +
-                                 settings.tcp_address);
-    }
+    if (listener_->server == nullptr) throw std::runtime_error("the server cannot be started");
     GrantSocketToGroup(settings.socket_group, settings.socket);
+    listener_->acceptor.Start();
     engine_.NotifyOfWritability([health = listener_->server->GetHealthCheckService()](bool is_writable) {
         health->SetServingStatus(is_writable);
     });

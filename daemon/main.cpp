@@ -1,5 +1,6 @@
 // reservationd: reads its settings, takes up its state, serves, and follows signals.
 
+#include <malloc.h>
 #include <systemd/sd-daemon.h>
 
 #include <csignal>
@@ -79,6 +80,8 @@ int CheckStore(const std::string& dir) {
 }    // namespace
 
 int main(int argc, char** argv) try {
+    // Large blocks, such as replies, go back to the system when they are freed. By default the bound grows with use.
+    mallopt(M_MMAP_THRESHOLD, 256 * 1024);
     const Settings settings = ReadSettings(argc, argv);
     if (settings.check_store) return CheckStore(settings.engine.options.persistent_dir);
     OpenLog(settings.log, settings.engine.log_level);

@@ -15,6 +15,8 @@ namespace reservationd {
 
 namespace {
 
+constexpr size_t kLargeReply = 16 * 1024;    // smaller ones need no bound but that of the calls
+
 template <typename Request>
 bool IsDryRun(const Request& request) {
     if constexpr (requires { request.dry_run(); }) return request.dry_run();
@@ -26,22 +28,31 @@ template <typename Request, typename Reply>
 class UnaryCall : public grpc::ServerUnaryReactor {
 public:
     // `reply_bytes`: what gRPC sends, of a call that ends well.
-    explicit UnaryCall(grpc::ByteBuffer* reply_bytes) : reply_bytes_(reply_bytes) {}
+    UnaryCall(grpc::CallbackServerContext& context, UnreadReplies& unread, grpc::ByteBuffer* reply_bytes)
+        : context_(context), unread_(unread), reply_bytes_(reply_bytes) {}
 
     void Answer(const absl::Status& status) {
         if (status.ok()) Pack(reply, reply_bytes_);
+        is_large_ = reply_bytes_->Valid() && reply_bytes_->Length() >= kLargeReply;
+        if (is_large_) unread_.Add(context_, reply_bytes_->Length());
         Reply().Swap(&reply);    // which may be large, and take long to be sent
         Finish(ToGrpc(status));
     }
 
-    void OnDone() override { delete this; }
+    void OnDone() override {
+        if (is_large_) unread_.Remove(context_);
+        delete this;
+    }
 
     Request request;
     Reply reply;
     absl::Status outcome;
 
 private:
+    grpc::CallbackServerContext& context_;
+    UnreadReplies& unread_;
     grpc::ByteBuffer* const reply_bytes_;
+    bool is_large_ = false;
 };
 
 // A request that only reads is nothing to record.
@@ -97,7 +108,7 @@ template <typename Request, typename Reply>
 grpc::ServerUnaryReactor* Service::Submit(grpc::CallbackServerContext* context, const char* method,
                                           const grpc::ByteBuffer& request, grpc::ByteBuffer* reply,
                                           Operation<Request, Reply> run) {
-    auto* const call = new UnaryCall<Request, Reply>(reply);
+    auto* const call = new UnaryCall<Request, Reply>(*context, unread_replies_, reply);
     const absl::Status parsed = ParseMessage(request, &call->request);
     const Permission permission =
         IsDryRun(call->request) ? Permission::kRead : PermissionFor(absl::StrCat(kServicePrefix, method));

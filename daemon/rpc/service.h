@@ -13,6 +13,7 @@
 #include "daemon/rpc/audit_log.h"
 #include "daemon/rpc/session.h"
 #include "daemon/rpc/stream_limit.h"
+#include "daemon/rpc/unread_replies.h"
 #include "reservation/v1/reservation.grpc.pb.h"
 
 namespace reservationd {
@@ -83,6 +84,7 @@ private:
     AuditLog& audit_;
     const int64_t started_unix_millis_;
     StreamLimit stream_limit_;
+    UnreadReplies unread_replies_;
     SessionList sessions_;
 };
 

@@ -406,7 +406,7 @@ std::vector<std::string> FindFaultsOfStore(const std::string& dir) {
     const std::optional<StoreIdentity> mirrored = MirrorJournal::ReadStore(dir + kJournalName);
     const bool is_other =
         mirrored && (mirrored->id != report.identity.id || mirrored->generation > report.identity.generation);
-    if (is_other) report.faults.push_back(kOtherStore);
+    if (is_other) report.faults.emplace_back(kOtherStore);
     return report.faults;
 }
 

@@ -38,7 +38,7 @@ struct ReservationJobInfo {
     std::unordered_set<uint64_t> guids;    // of the HCAs that the job's trees span, each once
 
     // Whether at least one of `guids` is among the job's. False when there are none.
-    bool CheckAtLeastOneGuidInJob(std::vector<uint64_t>& guids);
+    bool CheckAtLeastOneGuidInJob(std::vector<uint64_t>& candidates);
 };
 
 // One reservation. A plain record: the manager changes the fields, and anybody may read them.
@@ -53,7 +53,7 @@ struct ReservationInfo {
     ReservationInfo() = default;
 
     // A copy of the description, its GUIDs included.
-    explicit ReservationInfo(const vesk_reservation_info* info);
+    explicit ReservationInfo(const vesk_reservation_info* source);
 
     ReservationInfo(const ReservationInfo&) = delete;
     ReservationInfo& operator=(const ReservationInfo&) = delete;

@@ -148,7 +148,7 @@ private:
             AddLine(X(day), bottom, X(day), bottom + 6, "#888");
             AddText(X(day), bottom + 22, R"(text-anchor="middle")", absl::StrCat(day));
         }
-        AddText(kLeft + kPlotWidth / 2, bottom + 46, R"(text-anchor="middle")", "time since the first job (days)");
+        AddText(kLeft + kPlotWidth / 2.0, bottom + 46, R"(text-anchor="middle")", "time since the first job (days)");
     }
 
     const std::vector<StepSeries>& series_;

@@ -1,9 +1,9 @@
 #include "replay/run/persistent_directory.h"
 
 #include <absl/strings/str_cat.h>
-#include <stdlib.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <utility>

@@ -34,7 +34,7 @@ public:
     uint32_t UpdateReservation(const std::string& key, std::vector<uint64_t> added,
                                std::vector<uint64_t> removed) override;
     uint32_t DeleteReservation(const std::string& key) override;
-    BeginJobResult BeginJob(const JobRequest& job) override;
+    BeginJobResult BeginJob(const JobRequest& request) override;
     uint32_t EndJob(uint64_t job_id) override;
     uint32_t ReportPkeys(uint64_t guid, const std::set<uint16_t>& pkeys) override;
 

@@ -40,8 +40,9 @@ void LogChanges(const Settings& old_settings, const Settings& settings) {
 }
 
 // Returns the settings in force: the old ones when the new ones cannot be used.
-Settings Reload(const Settings& old_settings, int argc, char** argv, Engine& engine) try {
+Settings Reload(const Settings& old_settings, int argc, char** argv, Engine& engine, Server& server) try {
     Settings settings = ReadSettings(argc, argv);
+    server.Reconfigure(settings.server);
     OpenLog(settings.log, settings.engine.log_level);
     LogChanges(old_settings, settings);
     engine.Reconfigure(settings.engine);
@@ -53,12 +54,12 @@ Settings Reload(const Settings& old_settings, int argc, char** argv, Engine& eng
 
 void Serve(Settings settings, const sigset_t& signals, int argc, char** argv) try {
     Engine engine(settings.engine);
-    const Server server(settings.server, engine);
+    Server server(settings.server, engine);
     WriteLog(kLogInfo, "reservationd " RESERVATIOND_VERSION " serves " + settings.engine.options.persistent_dir);
     sd_notify(0, "READY=1");
     for (int signal = 0; sigwait(&signals, &signal) == 0 && signal == SIGHUP;) {
         sd_notify(0, "RELOADING=1");
-        settings = Reload(settings, argc, argv, engine);
+        settings = Reload(settings, argc, argv, engine, server);
         sd_notify(0, "READY=1");
     }
     WriteLog(kLogInfo, "Stopping");

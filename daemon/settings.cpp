@@ -88,20 +88,20 @@ void AddClientOptions(CLI::App& app, ServerSettings& server) {
                                  ->check(FaultOfAddress)
                                  ->group(kClients);
     for (const auto& [name, value, what] :
-         {std::tuple{"--tls-cert", &server.tls_certificate, "the daemon's certificate"},
-          std::tuple{"--tls-key", &server.tls_key, "the key of that certificate"},
-          std::tuple{"--tls-ca", &server.tls_ca, "what signs clients' certificates"}}) {
-        CLI::Option* const option = app.add_option(name, *value, std::string("PEM file: ") + what)->group(kClients);
+         {std::tuple{"--tls-cert", &server.tls.certificate, "the daemon's certificate"},
+          std::tuple{"--tls-key", &server.tls.key, "the key of that certificate"},
+          std::tuple{"--tls-ca", &server.tls.authorities, "what signs clients' certificates"}}) {
+        CLI::Option* const option = app.add_option(name, *value, std::string("PEM file: ") + what)->group(kChangeable);
         option->needs(tcp);
         tcp->needs(option);
     }
     app.add_option("--full-access", server.access.full_access_names,
                    "common names of the TLS clients that may do everything")
         ->needs(tcp)
-        ->group(kClients);
+        ->group(kChangeable);
     app.add_option("--read-only", server.access.read_only_names, "common names of the TLS clients that may only read")
         ->needs(tcp)
-        ->group(kClients);
+        ->group(kChangeable);
     app.add_option("--max-request-bytes", server.max_request_bytes, "largest request taken")
         ->check(CLI::Range(1024, 1 << 30))
         ->group(kClients);

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
+#include "daemon/rpc/connection.h"
 #include "util/text.h"
 
 namespace reservationd {
@@ -43,13 +45,14 @@ Permission PermissionFor(std::string_view method) {
     return rule != std::end(kRules) ? rule->permission : Permission::kChange;
 }
 
-Client ClientOf(const grpc::CallbackServerContext& context) {
-    return {.is_local = context.peer().starts_with("unix:"), .common_name = CommonName(*context.auth_context())};
+Client ClientOf(grpc::CallbackServerContext& context) {
+    return {.is_local = context.peer().starts_with("unix:"), .common_name = CommonName(ConnectionOf(context).get())};
 }
 
-std::string CommonName(const grpc::AuthContext& context) {
-    const auto names = context.FindPropertyValues("x509_common_name");
-    return names.empty() ? "" : std::string(names.front().data(), names.front().size());
+std::string CommonName(const grpc_auth_context* context) {
+    grpc_auth_property_iterator names = grpc_auth_context_find_properties_by_name(context, GRPC_X509_CN_PROPERTY_NAME);
+    const grpc_auth_property* const name = grpc_auth_property_iterator_next(&names);
+    return name != nullptr ? std::string(name->value, name->value_length) : "";
 }
 
 absl::Status AccessControl::Check(const Client& client, Permission permission) const {
@@ -57,12 +60,18 @@ absl::Status AccessControl::Check(const Client& client, Permission permission) c
     if (client.common_name.empty()) {
         return absl::PermissionDeniedError("the certificate has no common name, which would tell what it allows");
     }
+    const util::MutexLock lock(&mutex_);
     if (lists_.full_access_names.contains(client.common_name)) return absl::OkStatus();
     const bool may_read = lists_.read_only_names.contains(client.common_name);
     if (may_read && permission == Permission::kRead) return absl::OkStatus();
     return absl::PermissionDeniedError(absl::StrCat("the certificate's common name '",
                                                     util::TruncateForMessage(client.common_name), "' allows ",
                                                     may_read ? "reading only" : "nothing here"));
+}
+
+void AccessControl::Replace(AccessLists lists) {
+    const util::MutexLock lock(&mutex_);
+    lists_ = std::move(lists);
 }
 
 }    // namespace reservationd

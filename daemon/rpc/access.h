@@ -2,14 +2,17 @@
 
 #pragma once
 
+#include <absl/base/thread_annotations.h>
 #include <absl/status/status.h>
-#include <grpcpp/security/auth_context.h>
+#include <grpc/grpc_security.h>
 #include <grpcpp/server_context.h>
 
 #include <set>
 #include <string>
 #include <string_view>
 #include <utility>
+
+#include "util/mutex.h"
 
 namespace reservationd {
 
@@ -34,12 +37,13 @@ struct Client {
     std::string common_name;    // of its certificate; empty: there is none
 };
 
-Client ClientOf(const grpc::CallbackServerContext& context);
+Client ClientOf(grpc::CallbackServerContext& context);
 
 // The common name of the certificate that a connection was authenticated with; empty when there is none.
-std::string CommonName(const grpc::AuthContext& context);
+std::string CommonName(const grpc_auth_context* context);
 
 // On the Unix socket everybody may do everything: the socket's mode says who can connect. Over TCP the lists decide.
+// For any thread.
 class AccessControl {
 public:
     explicit AccessControl(AccessLists lists) : lists_(std::move(lists)) {}
@@ -47,8 +51,12 @@ public:
     // OK, or PERMISSION_DENIED with a message that names the client.
     absl::Status Check(const Client& client, Permission permission) const;
 
+    // For the checks from now on.
+    void Replace(AccessLists lists);
+
 private:
-    const AccessLists lists_;
+    mutable util::Mutex mutex_;
+    AccessLists lists_ ABSL_GUARDED_BY(mutex_);
 };
 
 }    // namespace reservationd

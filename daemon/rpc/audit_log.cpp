@@ -17,7 +17,7 @@ std::string Quoted(const char* method, const std::string& key) {
 
 }    // namespace
 
-std::string DescribeCaller(const grpc::CallbackServerContext& context) {
+std::string DescribeCaller(grpc::CallbackServerContext& context) {
     const Client client = ClientOf(context);
     if (client.is_local) return "local";
     return absl::StrCat("CN '", util::TruncateForMessage(client.common_name), "' at ", context.peer());

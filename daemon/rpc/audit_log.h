@@ -20,7 +20,7 @@ namespace reservationd {
 namespace v1 = reservation::v1;
 
 // Who calls, from where: "CN 'operator' at ipv4:10.0.0.1:4711", "local".
-std::string DescribeCaller(const grpc::CallbackServerContext& context);
+std::string DescribeCaller(grpc::CallbackServerContext& context);
 
 // What a request asks for, on which key or job: "CreateReservation 'A'", "EndJob 7", "Session".
 std::string DescribeOperation(const v1::CreateReservationRequest& request);

@@ -1,6 +1,5 @@
 #include "daemon/rpc/server.h"
 
-#include <absl/strings/str_cat.h>
 #include <google/protobuf/stubs/logging.h>
 #include <grp.h>
 #include <grpc/support/log.h>
@@ -16,19 +15,15 @@
 #include <cerrno>
 #include <chrono>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
-#include <utility>
 #include <vector>
 
 #include "daemon/log_sink.h"
 #include "daemon/rpc/acceptor.h"
 #include "daemon/rpc/audit_log.h"
-#include "daemon/rpc/grpc_status.h"
 #include "daemon/rpc/service.h"
 #include "daemon/rpc/stream_limit.h"
-#include "util/file.h"
-#include "util/text.h"
+#include "daemon/rpc/tls.h"
 
 namespace reservationd {
 namespace {
@@ -98,61 +93,13 @@ void GrantSocketToGroup(const std::string& group_name, const std::string& path) 
     if (chmod(path.c_str(), 0660) != 0) ThrowErrno(path, "chmod");
 }
 
-// ---- TCP ----
-
-// Checks the calls of the services that gRPC brings along, health and reflection. The reservation service checks its
-// own.
-class LibraryServiceGuard : public grpc::AuthMetadataProcessor {
-public:
-    LibraryServiceGuard(const AccessControl& access, AuditLog& audit) : access_(access), audit_(audit) {}
-
-    bool IsBlocking() const override { return false; }
-
-    grpc::Status Process(const InputMetadata& metadata, grpc::AuthContext* context, OutputMetadata*,
-                         OutputMetadata*) override {
-        const auto path = metadata.find(":path");
-        const std::string_view method =
-            path != metadata.end() ? std::string_view(path->second.data(), path->second.size()) : "";
-        if (method.starts_with(kServicePrefix)) return grpc::Status::OK;
-        const std::string name = CommonName(*context);
-        const absl::Status status = access_.Check({.is_local = false, .common_name = name}, PermissionFor(method));
-        if (!status.ok()) {
-            audit_.RecordDenial([&] {
-                return absl::StrCat("CN '", util::TruncateForMessage(name), "': ", util::Printable(method), ": denied");
-            });
-        }
-        return ToGrpc(status);
-    }
-
-private:
-    const AccessControl& access_;
-    AuditLog& audit_;
-};
-
-std::string ReadPem(const std::string& option, const std::string& path) {
-    absl::StatusOr<std::string> content = util::ReadWholeFile(path);
-    if (!content.ok()) throw std::runtime_error(option + " " + std::string(content.status().message()));
-    if (content->empty()) throw std::runtime_error(option + " " + path + ": the file is empty");
-    return *std::move(content);
-}
-
-std::shared_ptr<grpc::ServerCredentials> MutualTls(const ServerSettings& settings, const AccessControl& access,
-                                                   AuditLog& audit) {
-    grpc::SslServerCredentialsOptions options(GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
-    options.pem_root_certs = ReadPem("tls-ca", settings.tls_ca);
-    options.pem_key_cert_pairs.push_back(
-        {ReadPem("tls-key", settings.tls_key), ReadPem("tls-cert", settings.tls_certificate)});
-    auto credentials = grpc::SslServerCredentials(options);
-    credentials->SetAuthMetadataProcessor(std::make_shared<LibraryServiceGuard>(access, audit));
-    return credentials;
-}
-
 }    // namespace
 
 struct Server::Listener {
-    const AccessControl access;
+    AccessControl access;
     AuditLog audit;
     Service service;
+    std::shared_ptr<TlsCredentials> tls;    // null: no TCP
     std::unique_ptr<grpc::Server> server;
     Acceptor acceptor;    // ends before the server that it hands connections to
 
@@ -183,8 +130,9 @@ Server::Server(const ServerSettings& settings, Engine& engine)
         umask(old_mask);
     }
     if (!settings.tcp_address.empty()) {
-        listener_->acceptor.ListenOnTcp(settings.tcp_address, MutualTls(settings, listener_->access, listener_->audit),
-                                        builder);
+        listener_->tls =
+            std::make_shared<TlsCredentials>(ReadTlsIdentity(settings.tls), listener_->access, listener_->audit);
+        listener_->acceptor.ListenOnTcp(settings.tcp_address, listener_->tls, builder);
     }
 
     listener_->server = builder.BuildAndStart();
@@ -200,6 +148,12 @@ Server::~Server() {
     engine_.NotifyOfWritability(nullptr);
     listener_->service.EndSessions();
     listener_->server->Shutdown(std::chrono::system_clock::now() + kShutdownTimeout);
+}
+
+void Server::Reconfigure(const ServerSettings& settings) {
+    if (listener_->tls == nullptr) return;
+    listener_->tls->Replace(ReadTlsIdentity(settings.tls));
+    listener_->access.Replace(settings.access);
 }
 
 }    // namespace reservationd

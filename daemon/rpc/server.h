@@ -7,6 +7,7 @@
 
 #include "daemon/engine/engine.h"
 #include "daemon/rpc/access.h"
+#include "daemon/rpc/tls.h"
 
 namespace reservationd {
 
@@ -14,7 +15,7 @@ struct ServerSettings {
     std::string socket;    // path; empty: no Unix socket
     std::string socket_group;    // name; who else may connect to the socket; empty: its owner alone
     std::string tcp_address;    // "host:port"; empty: no TCP
-    std::string tls_certificate, tls_key, tls_ca;    // PEM files, for TCP
+    TlsFiles tls;    // for TCP
     AccessLists access;    // for TCP
     int max_request_bytes = 4 << 20;
 };
@@ -27,6 +28,11 @@ public:
 
     // Ends the connections. Calls that the engine has must be answered within a few seconds.
     ~Server();
+
+    // Reads the certificates again, for later connections, and lets the access lists hold for all later calls, also of
+    // sessions and watches that are open. The rest can only be changed by a restart. Throws std::runtime_error, with a
+    // message that names the file, and changes nothing, when a file cannot be used.
+    void Reconfigure(const ServerSettings& settings);
 
 private:
     struct Listener;

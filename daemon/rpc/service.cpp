@@ -57,15 +57,15 @@ private:
 
 // A request that only reads is nothing to record.
 template <typename Request, typename Reply>
-void RecordChange(AuditLog& audit, const grpc::CallbackServerContext& context, const Request& request,
-                  const Reply& reply, const absl::Status& status) {
+void RecordChange(AuditLog& audit, grpc::CallbackServerContext& context, const Request& request, const Reply& reply,
+                  const absl::Status& status) {
     if constexpr (requires { DescribeOperation(request); }) {
         audit.RecordChange([&] { return DescribeCaller(context); }, request, reply, status);
     }
 }
 
 // Also records the operations one by one, if they were carried out.
-void RecordChange(AuditLog& audit, const grpc::CallbackServerContext& context, const v1::TransactRequest& request,
+void RecordChange(AuditLog& audit, grpc::CallbackServerContext& context, const v1::TransactRequest& request,
                   const v1::TransactReply& reply, const absl::Status& status) {
     const auto caller = [&] { return DescribeCaller(context); };
     audit.RecordChange(caller, request, reply, status);
@@ -93,9 +93,8 @@ Service::Service(Engine& engine, const AccessControl& access, AuditLog& audit)
           std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
               .count()) {}
 
-absl::Status Service::CheckAccess(const grpc::CallbackServerContext& context, const char* method,
-                                  Permission permission) {
-    const absl::Status status = access_.Check(ClientOf(context), permission);
+absl::Status Service::CheckAccess(grpc::CallbackServerContext& context, const char* method, Permission permission) {
+    absl::Status status = access_.Check(ClientOf(context), permission);
     if (!status.ok()) {
         audit_.RecordDenial([&] { return absl::StrCat(DescribeCaller(context), ": ", method, ": denied"); });
     }
@@ -224,7 +223,7 @@ absl::StatusOr<StreamLimit::Slot> Service::OpenStream(grpc::CallbackServerContex
 grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer>* Service::Session(grpc::CallbackServerContext* context) {
     absl::StatusOr<StreamLimit::Slot> slot = OpenStream(*context, "Session");
     if (!slot.ok()) return new Refused<grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer>>(slot.status());
-    return sessions_.Begin(engine_, audit_, DescribeCaller(*context), *std::move(slot));
+    return sessions_.Begin(engine_, access_, audit_, *context, *std::move(slot));
 }
 
 grpc::ServerWriteReactor<grpc::ByteBuffer>* Service::Watch(grpc::CallbackServerContext* context,
@@ -234,7 +233,7 @@ grpc::ServerWriteReactor<grpc::ByteBuffer>* Service::Watch(grpc::CallbackServerC
     absl::Status status = slot.status();
     if (status.ok()) status = ParseMessage(*request, &parsed);
     if (!status.ok()) return new Refused<grpc::ServerWriteReactor<grpc::ByteBuffer>>(status);
-    const auto watcher = std::make_shared<Watcher>(engine_.events(), *std::move(slot));
+    const auto watcher = std::make_shared<Watcher>(engine_.events(), access_, ClientOf(*context), *std::move(slot));
     watcher->Start(parsed, engine_.epoch());
     return watcher.get();
 }

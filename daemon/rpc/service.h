@@ -76,7 +76,7 @@ private:
     grpc::ServerUnaryReactor* Serve(grpc::CallbackServerContext* context, const char* method,
                                     const grpc::ByteBuffer& request, grpc::ByteBuffer* reply,
                                     void (ReservationState::*operation)(const Request&, Reply*));
-    absl::Status CheckAccess(const grpc::CallbackServerContext& context, const char* method, Permission permission);
+    absl::Status CheckAccess(grpc::CallbackServerContext& context, const char* method, Permission permission);
     absl::StatusOr<StreamLimit::Slot> OpenStream(grpc::CallbackServerContext& context, const char* method);
 
     Engine& engine_;

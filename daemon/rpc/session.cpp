@@ -1,5 +1,6 @@
 #include "daemon/rpc/session.h"
 
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -40,7 +41,6 @@ void Session::OnWriteDone(bool ok) {
         const util::MutexLock lock(&mutex_);
         is_writing_ = false;
         if (!ok) is_broken_ = true;
-        exchanges_.pop_front();
     }
     GoOn();
 }
@@ -54,9 +54,9 @@ Session::Exchange& Session::Enter() {
 
 void Session::Submit() {
     Exchange& exchange = Enter();
-    absl::Status status = ParseMessage(incoming_, &exchange.request);
+    const absl::Status parsed = ParseMessage(incoming_, &exchange.request);
     const v1::Operation& operation = exchange.request.operation();
-    if (status.ok()) status = ValidateRequest(operation);
+    const absl::Status status = Check(parsed, operation);
     if (!status.ok()) return Answer(exchange, status);
     engine_.Submit({!IsDryRun(operation),
                     [&exchange](ReservationState& state) {
@@ -68,6 +68,18 @@ void Session::Submit() {
                         self->RecordChange(exchange, outcome);
                         self->Answer(exchange, outcome);
                     }});
+}
+
+// The access lists may have changed since the session began.
+absl::Status Session::Check(const absl::Status& parsed, const v1::Operation& operation) {
+    absl::Status status = access_.Check(client_, Permission::kChange);
+    if (!status.ok()) {
+        audit_.RecordDenial([this] { return caller_ + ": an operation of its session: denied"; });
+        return status;
+    }
+    status.Update(parsed);
+    status.Update(ValidateRequest(operation));
+    return status;
 }
 
 void Session::RecordChange(const Exchange& exchange, const absl::Status& outcome) {
@@ -93,7 +105,7 @@ void Session::Answer(Exchange& exchange, const absl::Status& status) {
 // Starts what can be started. A write begins without the lock: it sends. As long as is_writing_ says that one is under
 // way, nobody else starts one, or finishes the call.
 void Session::GoOn() {
-    const v1::SessionReply* reply = nullptr;
+    std::optional<v1::SessionReply> reply;
     grpc::Status status;
     {
         const util::MutexLock lock(&mutex_);
@@ -106,14 +118,15 @@ void Session::GoOn() {
         if (!exchanges_.empty()) {
             if (!exchanges_.front().is_answered) return;
             is_writing_ = true;
-            reply = &exchanges_.front().reply;
+            reply = std::move(exchanges_.front().reply);
+            exchanges_.pop_front();
         } else {
             if (!is_stopping_ && !is_at_end_ && !is_broken_) return;
             is_finished_ = true;
             if (is_stopping_) status = {grpc::StatusCode::UNAVAILABLE, "the daemon is stopping"};
         }
     }
-    if (reply != nullptr) {
+    if (reply.has_value()) {
         Pack(*reply, &outgoing_);
         StartWrite(&outgoing_);
     } else {
@@ -128,8 +141,9 @@ bool Session::IsToRead() const {
 
 // ---- All sessions ----
 
-Session* SessionList::Begin(Engine& engine, AuditLog& audit, const std::string& caller, StreamLimit::Slot slot) {
-    const auto session = std::make_shared<Session>(engine, audit, *this, caller, std::move(slot));
+Session* SessionList::Begin(Engine& engine, const AccessControl& access, AuditLog& audit,
+                            grpc::CallbackServerContext& context, StreamLimit::Slot slot) {
+    const auto session = std::make_shared<Session>(engine, access, audit, *this, context, std::move(slot));
     bool is_ended = false;
     {
         const util::MutexLock lock(&mutex_);

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "daemon/engine/engine.h"
+#include "daemon/rpc/access.h"
 #include "daemon/rpc/audit_log.h"
 #include "daemon/rpc/stream_limit.h"
 #include "reservation/v1/reservation.pb.h"
@@ -29,9 +30,16 @@ class SessionList;
 class Session : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer>,
                 public std::enable_shared_from_this<Session> {
 public:
-    // The engine, the audit and the list must outlive the call. `caller`: for the audit.
-    Session(Engine& engine, AuditLog& audit, SessionList& list, std::string caller, StreamLimit::Slot slot)
-        : engine_(engine), audit_(audit), list_(list), caller_(std::move(caller)), slot_(std::move(slot)) {}
+    // All must outlive the call.
+    Session(Engine& engine, const AccessControl& access, AuditLog& audit, SessionList& list,
+            grpc::CallbackServerContext& context, StreamLimit::Slot slot)
+        : engine_(engine),
+          access_(access),
+          audit_(audit),
+          list_(list),
+          client_(ClientOf(context)),
+          caller_(DescribeCaller(context)),
+          slot_(std::move(slot)) {}
 
     void Start() { GoOn(); }
 
@@ -51,22 +59,25 @@ private:
 
     Exchange& Enter();
     void Submit();
+    absl::Status Check(const absl::Status& parsed, const v1::Operation& operation);
     void RecordChange(const Exchange& exchange, const absl::Status& outcome);
     void Answer(Exchange& exchange, const absl::Status& status);
     void GoOn();
     bool IsToRead() const ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
     Engine& engine_;
+    const AccessControl& access_;
     AuditLog& audit_;
     SessionList& list_;
-    const std::string caller_;
+    const Client client_;
+    const std::string caller_;    // for the audit
     const StreamLimit::Slot slot_;
     grpc::ByteBuffer incoming_;    // used by the read under way
     grpc::ByteBuffer outgoing_;    // used by the write under way
     util::Mutex mutex_;
-    std::deque<Exchange> exchanges_ ABSL_GUARDED_BY(mutex_);    // those read and not yet sent, in order
+    std::deque<Exchange> exchanges_ ABSL_GUARDED_BY(mutex_);    // those read and not yet being sent, in order
     bool is_reading_ ABSL_GUARDED_BY(mutex_) = false;    // until the engine has what was read
-    bool is_writing_ ABSL_GUARDED_BY(mutex_) = false;    // the reply of the first exchange
+    bool is_writing_ ABSL_GUARDED_BY(mutex_) = false;    // the reply of an exchange
     bool is_at_end_ ABSL_GUARDED_BY(mutex_) = false;    // nothing more can be read
     bool is_broken_ ABSL_GUARDED_BY(mutex_) = false;    // nothing more can be written
     bool is_stopping_ ABSL_GUARDED_BY(mutex_) = false;
@@ -77,7 +88,8 @@ private:
 class SessionList {
 public:
     // Returns a session that has started.
-    Session* Begin(Engine& engine, AuditLog& audit, const std::string& caller, StreamLimit::Slot slot);
+    Session* Begin(Engine& engine, const AccessControl& access, AuditLog& audit, grpc::CallbackServerContext& context,
+                   StreamLimit::Slot slot);
 
     // Ends the sessions, those that begin later as well.
     void End();

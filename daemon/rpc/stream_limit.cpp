@@ -4,11 +4,6 @@
 
 namespace reservationd {
 
-// Every connection has an authentication context, those on the Unix socket too.
-ConnectionHandle ConnectionOf(grpc::CallbackServerContext& context) {
-    return ConnectionHandle(grpc_call_auth_context(context.c_call()));
-}
-
 absl::StatusOr<StreamLimit::Slot> StreamLimit::Open(grpc::CallbackServerContext& context) {
     ConnectionHandle connection = ConnectionOf(context);
     {

@@ -4,23 +4,15 @@
 
 #include <absl/base/thread_annotations.h>
 #include <absl/status/statusor.h>
-#include <grpc/grpc_security.h>
 #include <grpcpp/server_context.h>
 
 #include <map>
 #include <memory>
 
+#include "daemon/rpc/connection.h"
 #include "util/mutex.h"
 
 namespace reservationd {
-
-// What all calls of one connection share, and no other connection as long as this is held.
-struct ReleaseConnection {
-    void operator()(grpc_auth_context* context) const { grpc_auth_context_release(context); }
-};
-using ConnectionHandle = std::unique_ptr<grpc_auth_context, ReleaseConnection>;
-
-ConnectionHandle ConnectionOf(grpc::CallbackServerContext& context);
 
 // Leaves room beside a connection's streams for its short calls, which would wait for a stream to end otherwise.
 class StreamLimit {

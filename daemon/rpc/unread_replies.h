@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <list>
 
-#include "daemon/rpc/stream_limit.h"
+#include "daemon/rpc/connection.h"
 #include "util/mutex.h"
 
 namespace reservationd {

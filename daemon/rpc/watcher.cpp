@@ -48,8 +48,11 @@ void Watcher::Send(const v1::Event& event) {
 }
 
 void Watcher::SendNext() {
-    v1::Event event;
     is_waiting_ = false;
+    // The access lists may have changed since the watch began.
+    const absl::Status access = access_.Check(client_, Permission::kRead);
+    if (!access.ok()) return End(ToGrpc(access));
+    v1::Event event;
     switch (log_.Read(next_, &event, self_)) {
         case EventLog::Outcome::kEvent:
             ++next_;

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "daemon/engine/event_log.h"
+#include "daemon/rpc/access.h"
 #include "daemon/rpc/stream_limit.h"
 #include "reservation/v1/reservation.pb.h"
 #include "util/mutex.h"
@@ -25,8 +26,9 @@ class Watcher : public grpc::ServerWriteReactor<grpc::ByteBuffer>,
                 public EventLog::Reader,
                 public std::enable_shared_from_this<Watcher> {
 public:
-    // `log` must outlive the call.
-    Watcher(EventLog& log, StreamLimit::Slot slot) : log_(log), slot_(std::move(slot)) {}
+    // `log` and `access` must outlive the call.
+    Watcher(EventLog& log, const AccessControl& access, Client client, StreamLimit::Slot slot)
+        : log_(log), access_(access), client_(std::move(client)), slot_(std::move(slot)) {}
 
     // Starts at the event that the request wants. `epoch`: that the log's events are numbered in.
     void Start(const v1::WatchRequest& request, const std::string& epoch);
@@ -43,6 +45,8 @@ private:
     void EndOutOfRange() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
     EventLog& log_;
+    const AccessControl& access_;
+    const Client client_;
     const StreamLimit::Slot slot_;
     std::shared_ptr<Watcher> self_;    // set by Start, released by OnDone
     util::Mutex mutex_;

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
@@ -43,11 +44,13 @@ spdlog::sink_ptr MakeSink(const std::string& target) {
 // What records go through. Its sinks can be exchanged while others write.
 struct Log {
     std::shared_ptr<spdlog::sinks::dist_sink_mt> sinks = std::make_shared<spdlog::sinks::dist_sink_mt>();
-    spdlog::logger logger{kName, sinks};
+    std::shared_ptr<spdlog::logger> logger = std::make_shared<spdlog::logger>(kName, sinks);
 
     Log() {
         sinks->add_sink(MakeSink("stderr"));
-        logger.flush_on(spdlog::level::trace);
+        logger->flush_on(ToSpdlog(kLogWarning));
+        spdlog::register_logger(logger);
+        spdlog::flush_every(std::chrono::seconds(1));
     }
 };
 
@@ -66,24 +69,25 @@ std::string_view WithoutNewline(std::string_view text) {
 void OpenLog(const std::string& target, int level) try {
     Log& log = TheLog();
     log.sinks->set_sinks({MakeSink(target)});
-    log.logger.set_level(ToSpdlog(level));
+    log.logger->set_level(ToSpdlog(level));
 } catch (const spdlog::spdlog_ex& error) {
     throw std::runtime_error("log file " + target + ": " + error.what());
 }
 
 void WriteLog(const LogRecord& record) {
-    TheLog().logger.log(ToSpdlog(record.level), "{} {} {}: {}", record.module, record.level, record.function,
-                        WithoutNewline(record.message));
+    TheLog().logger->log(ToSpdlog(record.level), "{} {} {}: {}", record.module, record.level, record.function,
+                         WithoutNewline(record.message));
 }
 
 void WriteLog(int level, const std::string& message) {
-    TheLog().logger.log(ToSpdlog(level), "DAEMON {}: {}", level, WithoutNewline(message));
+    TheLog().logger->log(ToSpdlog(level), "DAEMON {}: {}", level, WithoutNewline(message));
+    TheLog().logger->flush();
 }
 
 // The level "off" of a record is never filtered, nor flushed; syslog gets it as information.
 void WriteAudit(const std::string& text) {
-    TheLog().logger.log(spdlog::level::off, "AUDIT {}", text);
-    TheLog().logger.flush();
+    TheLog().logger->log(spdlog::level::off, "AUDIT {}", text);
+    TheLog().logger->flush();
 }
 
 }    // namespace reservationd

@@ -18,7 +18,8 @@ inline constexpr int kLogInfo = 3;
 // opened; then the log stays as it was.
 void OpenLog(const std::string& target, int level);
 
-// Writes one record. Both may be called from any thread.
+// Writes one record. Both may be called from any thread. Of the manager's records, which are many, those of the levels
+// 3 to 5 may reach the file a second later.
 void WriteLog(const LogRecord& record);
 void WriteLog(int level, const std::string& message);
 

@@ -10,6 +10,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <vector>
 
 namespace util {
 
@@ -17,9 +18,9 @@ class ABSL_LOCKABLE Mutex {
 public:
     void Lock() ABSL_EXCLUSIVE_LOCK_FUNCTION() { mutex_.lock(); }
 
-    // Also lets those who wait look at their conditions.
+    // Wakes those who wait for a condition that is true now, and nobody else: to wake a thread costs more than to look.
     void Unlock() ABSL_UNLOCK_FUNCTION() {
-        changed_.notify_all();
+        WakeReady();
         mutex_.unlock();
     }
 
@@ -33,22 +34,37 @@ public:
         return AwaitWithDeadline(condition, absl::Now() + timeout);
     }
     bool AwaitWithDeadline(const absl::Condition& condition, absl::Time deadline) ABSL_EXCLUSIVE_LOCKS_REQUIRED(this) {
+        if (condition.Eval()) return true;
+        WakeReady();    // waiting gives the mutex up, as Unlock does
+        Waiter waiter{condition, {}};
+        waiters_.push_back(&waiter);
         std::unique_lock lock(mutex_, std::adopt_lock);
-        changed_.notify_all();    // waiting gives the mutex up, as Unlock does
         while (!condition.Eval() && absl::Now() < deadline) {
             if (deadline == absl::InfiniteFuture()) {
-                changed_.wait(lock);
+                waiter.wake.wait(lock);
             } else {
-                changed_.wait_for(lock, absl::ToChronoNanoseconds(deadline - absl::Now()));
+                waiter.wake.wait_for(lock, absl::ToChronoNanoseconds(deadline - absl::Now()));
             }
         }
         lock.release();
+        std::erase(waiters_, &waiter);
         return condition.Eval();
     }
 
 private:
+    struct Waiter {
+        const absl::Condition& condition;
+        std::condition_variable wake;
+    };
+
+    void WakeReady() const {
+        for (Waiter* const waiter : waiters_) {
+            if (waiter->condition.Eval()) waiter->wake.notify_one();
+        }
+    }
+
     std::mutex mutex_;
-    std::condition_variable changed_;
+    std::vector<Waiter*> waiters_;    // guarded by mutex_
 };
 
 // Holds a mutex, which must outlive it, from its construction to its end.

@@ -12,7 +12,8 @@ namespace reservationd {
 namespace {
 
 constexpr size_t kMaxBatch = 256;    // keys
-constexpr absl::Duration kDelay = absl::Seconds(1);    // in which changes of one key become one write
+constexpr absl::Duration kDelay = absl::Seconds(1);    // of the oldest; changes of one key meanwhile become one write
+constexpr absl::Duration kShortestDelay = absl::Milliseconds(500);    // of those written with it
 constexpr absl::Duration kRetryTime = absl::Seconds(1);
 
 // Beyond these, commits wait.
@@ -67,7 +68,8 @@ void FileMirror::Run() {
     }
 }
 
-// Waits until the oldest dirty key is due, and takes those that are. Empty: the mirror is to stop.
+// Waits until the oldest dirty key is due, and takes it and those that are nearly so, as one write each would wake the
+// thread for each change. Empty: the mirror is to stop.
 FileMirror::Batch FileMirror::TakeBatch() {
     Batch batch;
     const util::MutexLock lock(&mutex_);
@@ -75,7 +77,7 @@ FileMirror::Batch FileMirror::TakeBatch() {
     if (order_.empty()) return batch;
     mutex_.AwaitWithDeadline(absl::Condition(this, &FileMirror::IsHurried),
                              std::max(OldestDirty() + kDelay, retry_time_));
-    const absl::Time newest = IsHurried() ? absl::InfiniteFuture() : absl::Now() - kDelay;
+    const absl::Time newest = IsHurried() ? absl::InfiniteFuture() : absl::Now() - kShortestDelay;
     while (batch.size() < kMaxBatch && !order_.empty()) {
         const auto dirty = dirty_keys_.find(order_.front());
         if (dirty->second.since > newest && !batch.empty()) break;

@@ -41,7 +41,7 @@ private:
 
     std::array<FileId, 2> FindFiles() const;
     template <typename Write>
-    void InTransaction(Write write);
+    void InTransaction(uint64_t num_events, Write write);
 
     const std::string path_;
     const Durability durability_;

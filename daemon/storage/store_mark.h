@@ -10,7 +10,7 @@ namespace reservationd {
 
 struct Mark {
     std::string store_id;
-    uint64_t revision = 0;    // of the store: 1 more with each commit
+    uint64_t revision = 0;    // of the store: more with each commit
 
     bool operator==(const Mark&) const = default;
 };

@@ -1,5 +1,7 @@
 #include "reservation/reply.h"
 
+#include <atomic>
+
 #include "host/fabric.h"
 
 namespace reservation_internal {
@@ -19,7 +21,9 @@ void Reply::Send() noexcept {
         command_manager_->SendReservationInfoList(ep_, list, transaction_id_);
     } catch (...) {
     }
-    if (failures_ == Failures::kCounted && status != VESK_STATUS_SUCCESS) ++g_fabric->failed_reservation_requests;
+    if (failures_ == Failures::kNotCounted || status == VESK_STATUS_SUCCESS) return;
+    // Atomic, as managers that run in several threads may share the fabric.
+    std::atomic_ref(g_fabric->failed_reservation_requests).fetch_add(1, std::memory_order_relaxed);
 }
 
 }    // namespace reservation_internal

@@ -4,11 +4,13 @@
 #include <absl/time/time.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <iterator>
 #include <map>
+#include <new>
 #include <set>
 #include <stdexcept>
 #include <system_error>
@@ -28,6 +30,7 @@ constexpr char kJournalName[] = "/mirror.sqlite";
 constexpr char kOtherStore[] = "the reservation files are of another one, or of a later state of this one";
 constexpr size_t kMaxQueuedCalls = 10'000;
 constexpr size_t kMaxBatch = 256;
+constexpr std::chrono::milliseconds kReadTime{2};    // between two batches, if the first read takes no longer
 constexpr absl::Duration kIdleTime = absl::Seconds(1);
 constexpr size_t kMaxFileSize = size_t{64}
                                 << 20;    // of a file that the daemon did not write; more than 2 million GUIDs
@@ -48,6 +51,21 @@ bool KeepsReservations(const OptionInfo& options) {
 std::string FirstLineOfFiles() {
     const std::string packed = PackRecord({});
     return packed.substr(0, packed.find('\n') + 1);
+}
+
+// Runs what changes nothing, so that a lack of memory is no reason to give up.
+template <typename Run, typename Done>
+void RunAndAnswer(const Run& run, const Done& done) {
+    try {
+        run();
+    } catch (const std::bad_alloc&) {
+        return done(Refusal::kTooManyCalls, "the memory does not suffice");
+    }
+    done(Refusal::kNone, "");
+}
+
+void CarryOut(Trial& trial, const v1::StateVersion& version) {
+    RunAndAnswer([&] { trial.run(*trial.copy.MakeState(), version); }, trial.done);
 }
 
 }    // namespace
@@ -204,14 +222,24 @@ void Engine::Submit(Call call) {
         const util::MutexLock lock(&mutex_);
         if (is_stopping_) {
             refusal = Refusal::kStopping;
-        } else if (calls_.size() >= kMaxQueuedCalls) {
+        } else if (changes_.size() + reads_.size() >= kMaxQueuedCalls) {
             refusal = Refusal::kTooManyCalls;
+        } else if (call.changes_something) {
+            return changes_.push_back(std::move(call));
         } else {
-            calls_.push_back(std::move(call));
-            return;
+            return reads_.push_back({std::move(call), num_taken_changes_ + changes_.size()});
         }
     }
     call.done(refusal, refusal == Refusal::kStopping ? "the daemon is stopping" : "too many calls are waiting");
+}
+
+void Engine::Try(Trial trial) {
+    // Shared, as what a function holds must be copyable.
+    const auto holder = std::make_shared<std::unique_ptr<Trial>>(std::make_unique<Trial>(std::move(trial)));
+    Submit({false, [this, holder](ReservationState&) { BeginTrial(std::move(*holder)); },
+            [holder](Refusal refusal, const std::string& reason) {
+                if (refusal != Refusal::kNone) (*holder)->done(refusal, reason);
+            }});
 }
 
 void Engine::Reconfigure(const EngineSettings& settings) {
@@ -236,6 +264,7 @@ void Engine::Stop() {
 Engine::~Engine() {
     Stop();
     thread_.join();
+    trial_thread_.reset();
     mirror_.reset();
     try {
         files_.Sync();
@@ -249,13 +278,16 @@ Engine::~Engine() {
 
 void Engine::Run() try {
     std::vector<Call> batch;
-    while (WaitForBatch(batch)) {
-        if (batch.empty()) {
-            if (!store_is_writable_) ProbeStore();
-        } else {
-            RunAndAnswer(batch);
+    while (WaitForWork(batch)) {
+        if (!batch.empty()) {
+            RunBatch(batch);
+            batch.clear();
+        } else if (!store_is_writable_) {
+            ProbeStore();
         }
-        batch.clear();
+        RunReads();
+        AdvanceTrial();
+        if (has_old_limits_) has_old_limits_ = state_->SetTreesLimits();
     }
 } catch (const std::exception& error) {
     // Nobody knows what the memory holds now, but the store does: a new process takes it up from there.
@@ -263,26 +295,31 @@ void Engine::Run() try {
     std::_Exit(EXIT_FAILURE);
 }
 
-// Waits for calls, and takes the oldest ones. Leaves `batch` empty when none came and there is something else to do.
-// False: the engine is to stop.
-bool Engine::WaitForBatch(std::vector<Call>& batch) {
+// Waits for something to do, and takes the oldest calls that change something. False: the engine is to stop.
+bool Engine::WaitForWork(std::vector<Call>& batch) {
     const absl::Duration timeout = store_is_writable_ ? absl::InfiniteDuration() : kIdleTime;
     std::optional<EngineSettings> new_settings;
     bool goes_on = true;
     {
         const util::MutexLock lock(&mutex_);
         mutex_.AwaitWithTimeout(absl::Condition(this, &Engine::HasWork), timeout);
-        const auto end = calls_.begin() + static_cast<std::ptrdiff_t>(std::min(calls_.size(), kMaxBatch));
-        std::move(calls_.begin(), end, std::back_inserter(batch));
-        calls_.erase(calls_.begin(), end);
-        goes_on = !is_stopping_ || !batch.empty();
-        new_settings.swap(new_settings_);
+        const auto end = changes_.begin() + static_cast<std::ptrdiff_t>(std::min(changes_.size(), kMaxBatch));
+        std::move(changes_.begin(), end, std::back_inserter(batch));
+        changes_.erase(changes_.begin(), end);
+        num_taken_changes_ += batch.size();
+        goes_on = !is_stopping_ || !batch.empty() || !reads_.empty() || !large_trials_.empty();
+        if (!is_trying_) new_settings.swap(new_settings_);
     }
     if (new_settings) ApplySettings(*new_settings);
     return goes_on;
 }
 
-bool Engine::HasWork() const { return !calls_.empty() || is_stopping_ || new_settings_; }
+// What needs the trials' thread waits for it: it uses the options in force.
+bool Engine::HasWork() const {
+    if (!changes_.empty() || !reads_.empty() || has_old_limits_) return true;
+    if (!is_trying_ && (new_settings_ || !large_trials_.empty())) return true;
+    return is_stopping_ && large_trials_.empty();
+}
 
 void Engine::ApplySettings(const EngineSettings& settings) {
     const OptionInfo old_options = std::exchange(settings_.options, settings.options);
@@ -293,35 +330,76 @@ void Engine::ApplySettings(const EngineSettings& settings) {
     std::vector<Call> batch(1);
     batch.front().run = [this](ReservationState& state) { state.SetOptions(settings_.options); };
     ExecuteBatch(batch);
+    has_old_limits_ = true;
 }
 
-void Engine::RunAndAnswer(std::vector<Call>& batch) {
-    const std::string fault = ExecuteBatch(batch);
-    for (Call& call : batch) {
-        const bool is_refused = !fault.empty() && call.changes_something;
-        // What the call has read may have been something that did not last.
-        if (!fault.empty() && !is_refused) call.run(*state_);
-        call.done(is_refused ? Refusal::kNotStored : Refusal::kNone, fault);
+void Engine::RunBatch(const std::vector<Call>& batch) {
+    std::string fault = store_is_writable_ ? "" : ProbeStore();
+    if (fault.empty()) {
+        mirror_->WaitForRoom();
+        fault = ExecuteBatch(batch);
     }
+    for (const Call& call : batch) call.done(fault.empty() ? Refusal::kNone : Refusal::kNotStored, fault);
 }
 
 // Runs the calls and commits what they changed. Otherwise returns why not, with nothing changed.
-std::string Engine::ExecuteBatch(std::vector<Call>& batch) {
-    const bool is_reading =
-        std::none_of(batch.begin(), batch.end(), [](const Call& call) { return call.changes_something; });
-    if (!store_is_writable_ && !is_reading) {
-        std::string fault = ProbeStore();
-        if (!fault.empty()) return fault;
-    }
-    if (!is_reading) mirror_->WaitForRoom();
+std::string Engine::ExecuteBatch(const std::vector<Call>& batch) {
     try {
-        for (Call& call : batch) call.run(*state_);
+        for (const Call& call : batch) call.run(*state_);
         Commit();
         return "";
     } catch (const std::exception& error) {
         RollBack(error.what());
         return error.what();
     }
+}
+
+// Runs calls that change nothing, in what time there is for them.
+void Engine::RunReads() {
+    const auto end = std::chrono::steady_clock::now() + kReadTime;
+    do {
+        const std::optional<Call> call = TakeRead();
+        if (!call) return;
+        RunAndAnswer([&] { call->run(*state_); }, call->done);
+    } while (std::chrono::steady_clock::now() < end);
+}
+
+std::optional<Call> Engine::TakeRead() {
+    const util::MutexLock lock(&mutex_);
+    if (reads_.empty() || reads_.front().num_changes_before > num_taken_changes_) return std::nullopt;
+    if (new_settings_ && !is_trying_) return std::nullopt;    // they come first
+    std::optional<Call> call = std::move(reads_.front().call);
+    reads_.pop_front();
+    return call;
+}
+
+// Tries what can be copied at once. Otherwise the copying goes on when it is the trial's turn; where others are before
+// it, from the start, so that changes are noted for one trial only.
+void Engine::BeginTrial(std::unique_ptr<Trial> trial) {
+    if (trial->copy.Advance(*state_)) return CarryOut(*trial, Version());
+    if (!large_trials_.empty()) trial->copy.Restart();
+    large_trials_.push_back(std::move(trial));
+}
+
+// Copies a part of what the next trial concerns, and hands it over when that was all.
+void Engine::AdvanceTrial() {
+    if (large_trials_.empty()) return;
+    {
+        const util::MutexLock lock(&mutex_);
+        if (is_trying_ || new_settings_) return;
+    }
+    if (!large_trials_.front()->copy.Advance(*state_)) return;
+    const std::shared_ptr<Trial> trial = std::move(large_trials_.front());
+    large_trials_.pop_front();
+    {
+        const util::MutexLock lock(&mutex_);
+        is_trying_ = true;
+    }
+    trial_thread_->Submit([this, trial, version = Version()] {
+        CarryOut(*trial, version);
+        const util::MutexLock lock(&mutex_);
+        is_trying_ = false;
+    });
 }
 
 void Engine::Commit() {
@@ -340,6 +418,7 @@ void Engine::Commit() {
 // back.
 void Engine::PublishCommitted(StoreChanges&& stored, const std::vector<v1::Event>& events) noexcept {
     failed_requests_ = state_->failed_requests();
+    if (!large_trials_.empty()) large_trials_.front()->copy.NoteChanges(stored);
     std::map<std::string, FileText> texts;
     for (auto& [key, reservation] : stored.reservations) {
         texts[key] = reservation ? std::make_shared<const std::string>(std::move(reservation->packed)) : nullptr;

@@ -1,4 +1,5 @@
-// The daemon's engine: one thread runs all calls, in batches, and commits what a batch changed before it is answered.
+// The daemon's engine: one thread runs all calls, and commits what a batch of them changed before it is answered.
+// Another one tries large dry runs.
 
 #pragma once
 
@@ -16,6 +17,7 @@
 #include "daemon/engine/event_log.h"
 #include "daemon/engine/recovery.h"
 #include "daemon/state/reservation_state.h"
+#include "daemon/state/scratch_copy.h"
 #include "daemon/storage/directory_lock.h"
 #include "daemon/storage/file_mirror.h"
 #include "daemon/storage/mirror_journal.h"
@@ -24,6 +26,7 @@
 #include "host/option_info.h"
 #include "reservation/v1/reservation.pb.h"
 #include "util/mutex.h"
+#include "util/worker_thread.h"
 
 namespace reservationd {
 
@@ -47,13 +50,21 @@ enum class Refusal {
 // A call. Both functions are called on the engine's thread, and throw nothing but for lack of memory.
 struct Call {
     bool changes_something = false;
-
-    // Carries the call out. A call that changes nothing may be run twice; what the first run put into its reply is to
-    // be thrown away.
     std::function<void(ReservationState& state)> run;
 
     // Called once, when what was run is durable, or will not be carried out: then `reason` says why. A call that is
     // not even queued is told so at once, by the thread that submits it.
+    std::function<void(Refusal refusal, const std::string& reason)> done;
+};
+
+// A dry run: what the calls would do that the copy has been made for. Both functions are called once or, when the trial
+// is refused, only `done` is; by any thread. They throw nothing but for lack of memory.
+struct Trial {
+    ScratchCopy copy;
+
+    // `version`: of the state that has been copied.
+    std::function<void(ReservationState& scratch, const v1::StateVersion& version)> run;
+
     std::function<void(Refusal refusal, const std::string& reason)> done;
 };
 
@@ -66,10 +77,16 @@ public:
     // Runs the calls that have been submitted, writes the files that are due, and stops.
     ~Engine();
 
-    // Hands a call over, from any thread. Calls are carried out in the order of their arrival.
+    // Hands a call over, from any thread. Those that change something are carried out in the order of their arrival;
+    // one that does not finds all changes before it carried out, and may find later ones.
     void Submit(Call call);
 
-    // Lets the options and the log level hold for all later calls, as after a restart. What only a restart can change
+    // Hands a dry run over, as Submit does. A small one is tried at once. The others take turns: what one concerns is
+    // copied bit by bit between the calls, and then tried by another thread.
+    void Try(Trial trial);
+
+    // Lets the options and the log level hold for all later calls, as after a restart; while a large dry run is tried,
+    // for those after it. What only a restart can change
     // stays: the directory, what is done with the files found there, the automatic mode, the durability, and how many
     // events are kept.
     void Reconfigure(const EngineSettings& settings);
@@ -90,6 +107,11 @@ public:
     const std::string& epoch() const { return store_->identity().id; }
 
 private:
+    struct Read {
+        Call call;
+        uint64_t num_changes_before = 0;    // that have been submitted
+    };
+
     void Recover();
     void NoticeLoss();
     void LoadEvents(StoreContents& contents, const DamagedRows& damaged);
@@ -101,11 +123,15 @@ private:
     void RestoreState();
 
     void Run();
-    bool WaitForBatch(std::vector<Call>& batch);
+    bool WaitForWork(std::vector<Call>& batch);
     bool HasWork() const ABSL_SHARED_LOCKS_REQUIRED(mutex_);
+    void RunReads();
+    std::optional<Call> TakeRead();
+    void BeginTrial(std::unique_ptr<Trial> trial);
+    void AdvanceTrial();
     void ApplySettings(const EngineSettings& settings);
-    void RunAndAnswer(std::vector<Call>& batch);
-    std::string ExecuteBatch(std::vector<Call>& batch);
+    void RunBatch(const std::vector<Call>& batch);
+    std::string ExecuteBatch(const std::vector<Call>& batch);
     std::string ProbeStore();
     void Commit();
     void PublishCommitted(StoreChanges&& stored, const std::vector<v1::Event>& events) noexcept;
@@ -123,16 +149,22 @@ private:
     std::unique_ptr<ReservationState> state_;
     uint64_t failed_requests_ = 0;    // as of the last commit
     bool store_is_writable_ = true;    // outcome of the last write; while false, changes are refused
+    bool has_old_limits_ = false;    // not all reservations have the default trees limit that holds now
+    std::deque<std::unique_ptr<Trial>> large_trials_;    // that wait; the first one is being copied
 
     util::Mutex listener_mutex_;
     bool published_writability_ ABSL_GUARDED_BY(listener_mutex_) = true;
     std::function<void(bool is_writable)> writability_listener_ ABSL_GUARDED_BY(listener_mutex_);
 
     util::Mutex mutex_;
-    std::deque<Call> calls_ ABSL_GUARDED_BY(mutex_);
+    std::deque<Call> changes_ ABSL_GUARDED_BY(mutex_);
+    uint64_t num_taken_changes_ ABSL_GUARDED_BY(mutex_) = 0;
+    std::deque<Read> reads_ ABSL_GUARDED_BY(mutex_);
+    bool is_trying_ ABSL_GUARDED_BY(mutex_) = false;    // the trials' thread is at work
     std::optional<EngineSettings> new_settings_ ABSL_GUARDED_BY(mutex_);
     bool is_stopping_ ABSL_GUARDED_BY(mutex_) = false;
 
+    std::unique_ptr<util::WorkerThread> trial_thread_ = std::make_unique<util::WorkerThread>();
     std::thread thread_;    // last: it uses all of the above
 };
 

@@ -9,6 +9,7 @@
 #include "daemon/rpc/grpc_status.h"
 #include "daemon/rpc/request_validation.h"
 #include "daemon/rpc/watcher.h"
+#include "daemon/state/scratch_copy.h"
 #include "daemon/state/transaction.h"
 
 namespace reservationd {
@@ -27,15 +28,15 @@ bool IsDryRun(const Request& request) {
 template <typename Request, typename Reply>
 class UnaryCall : public grpc::ServerUnaryReactor {
 public:
-    // `reply_bytes`: what gRPC sends, of a call that ends well.
-    UnaryCall(grpc::CallbackServerContext& context, UnreadReplies& unread, grpc::ByteBuffer* reply_bytes)
-        : context_(context), unread_(unread), reply_bytes_(reply_bytes) {}
+    // `packer`: packs the large replies. `reply_bytes`: what gRPC sends, of a call that ends well.
+    UnaryCall(grpc::CallbackServerContext& context, UnreadReplies& unread, util::WorkerThread& packer,
+              grpc::ByteBuffer* reply_bytes)
+        : context_(context), unread_(unread), packer_(packer), reply_bytes_(reply_bytes) {}
 
     void Answer(const absl::Status& status) {
+        is_large_ = status.ok() && reply.ByteSizeLong() >= kLargeReply;
+        if (is_large_) return packer_.Submit([this] { AnswerLarge(); });
         if (status.ok()) Pack(reply, reply_bytes_);
-        is_large_ = reply_bytes_->Valid() && reply_bytes_->Length() >= kLargeReply;
-        if (is_large_) unread_.Add(context_, reply_bytes_->Length());
-        Reply().Swap(&reply);    // which may be large, and take long to be sent
         Finish(ToGrpc(status));
     }
 
@@ -49,8 +50,16 @@ public:
     absl::Status outcome;
 
 private:
+    void AnswerLarge() {
+        Pack(reply, reply_bytes_);
+        unread_.Add(context_, reply_bytes_->Length());
+        Reply().Swap(&reply);    // as it may take long to be sent
+        Finish(grpc::Status::OK);
+    }
+
     grpc::CallbackServerContext& context_;
     UnreadReplies& unread_;
+    util::WorkerThread& packer_;
     grpc::ByteBuffer* const reply_bytes_;
     bool is_large_ = false;
 };
@@ -107,7 +116,7 @@ template <typename Request, typename Reply>
 grpc::ServerUnaryReactor* Service::Submit(grpc::CallbackServerContext* context, const char* method,
                                           const grpc::ByteBuffer& request, grpc::ByteBuffer* reply,
                                           Operation<Request, Reply> run) {
-    auto* const call = new UnaryCall<Request, Reply>(*context, unread_replies_, reply);
+    auto* const call = new UnaryCall<Request, Reply>(*context, unread_replies_, packer_, reply);
     const absl::Status parsed = ParseMessage(request, &call->request);
     const Permission permission =
         IsDryRun(call->request) ? Permission::kRead : PermissionFor(absl::StrCat(kServicePrefix, method));
@@ -118,19 +127,23 @@ grpc::ServerUnaryReactor* Service::Submit(grpc::CallbackServerContext* context, 
         call->Answer(status);
         return call;
     }
-    engine_.Submit({permission == Permission::kChange,
-                    [call, run = std::move(run)](ReservationState& state) {
-                        call->reply.Clear();
-                        call->outcome = run(state, call->request, &call->reply);
-                    },
-                    [this, call, context, permission](Refusal refusal, const std::string& reason) {
-                        const absl::Status outcome =
-                            refusal == Refusal::kNone ? call->outcome : ToStatus(refusal, reason);
-                        if (permission == Permission::kChange) {
-                            RecordChange(audit_, *context, call->request, call->reply, outcome);
-                        }
-                        call->Answer(outcome);
-                    }});
+    const auto run_for = [call, run = std::move(run)](ReservationState& state, const v1::StateVersion& version) {
+        call->outcome = run(state, version, call->request, &call->reply);
+    };
+    const auto done = [this, call, context, permission](Refusal refusal, const std::string& reason) {
+        const absl::Status outcome = refusal == Refusal::kNone ? call->outcome : ToStatus(refusal, reason);
+        if (permission == Permission::kChange) RecordChange(audit_, *context, call->request, call->reply, outcome);
+        call->Answer(outcome);
+    };
+    if constexpr (requires { call->request.dry_run(); }) {
+        if (call->request.dry_run()) {
+            engine_.Try({ScratchCopy(NamedBy(call->request)), run_for, done});
+            return call;
+        }
+    }
+    const bool changes_something = permission == Permission::kChange;
+    const auto run_now = [this, run_for](ReservationState& state) { run_for(state, engine_.Version()); };
+    engine_.Submit({changes_something, run_now, done});
     return call;
 }
 
@@ -138,11 +151,12 @@ template <typename Request, typename Reply>
 grpc::ServerUnaryReactor* Service::Serve(grpc::CallbackServerContext* context, const char* method,
                                          const grpc::ByteBuffer& request, grpc::ByteBuffer* reply,
                                          void (ReservationState::*operation)(const Request&, Reply*)) {
-    return Submit<Request, Reply>(context, method, request, reply,
-                                  [operation](ReservationState& state, const Request& parsed, Reply* answer) {
-                                      (state.*operation)(parsed, answer);
-                                      return absl::OkStatus();
-                                  });
+    return Submit<Request, Reply>(
+        context, method, request, reply,
+        [operation](ReservationState& state, const v1::StateVersion&, const Request& parsed, Reply* answer) {
+            (state.*operation)(parsed, answer);
+            return absl::OkStatus();
+        });
 }
 
 grpc::ServerUnaryReactor* Service::CreateReservation(grpc::CallbackServerContext* context,
@@ -164,9 +178,10 @@ grpc::ServerUnaryReactor* Service::GetReservations(grpc::CallbackServerContext* 
                                                    const grpc::ByteBuffer* request, grpc::ByteBuffer* reply) {
     return Submit<v1::GetReservationsRequest, v1::ReservationReply>(
         context, "GetReservations", *request, reply,
-        [this](ReservationState& state, const v1::GetReservationsRequest& parsed, v1::ReservationReply* answer) {
+        [](ReservationState& state, const v1::StateVersion& version, const v1::GetReservationsRequest& parsed,
+           v1::ReservationReply* answer) {
             state.GetReservations(parsed, answer);
-            *answer->mutable_version() = engine_.Version();
+            *answer->mutable_version() = version;
             return absl::OkStatus();
         });
 }
@@ -195,8 +210,9 @@ grpc::ServerUnaryReactor* Service::Transact(grpc::CallbackServerContext* context
                                             grpc::ByteBuffer* reply) {
     return Submit<v1::TransactRequest, v1::TransactReply>(
         context, "Transact", *request, reply,
-        [this](ReservationState& state, const v1::TransactRequest& parsed, v1::TransactReply* answer) {
-            return reservationd::Transact(state, engine_.Version(), parsed, answer);
+        [](ReservationState& state, const v1::StateVersion& version, const v1::TransactRequest& parsed,
+           v1::TransactReply* answer) {
+            return (parsed.dry_run() ? TryTransaction : reservationd::Transact)(state, version, parsed, answer);
         });
 }
 
@@ -204,7 +220,7 @@ grpc::ServerUnaryReactor* Service::GetDaemonInfo(grpc::CallbackServerContext* co
                                                  grpc::ByteBuffer* reply) {
     return Submit<v1::GetDaemonInfoRequest, v1::DaemonInfo>(
         context, "GetDaemonInfo", *request, reply,
-        [this](ReservationState&, const v1::GetDaemonInfoRequest&, v1::DaemonInfo* answer) {
+        [this](ReservationState&, const v1::StateVersion&, const v1::GetDaemonInfoRequest&, v1::DaemonInfo* answer) {
             answer->set_version(RESERVATIOND_VERSION);
             answer->set_started_unix_millis(started_unix_millis_);
             engine_.Describe(answer);

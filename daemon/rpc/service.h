@@ -14,7 +14,9 @@
 #include "daemon/rpc/session.h"
 #include "daemon/rpc/stream_limit.h"
 #include "daemon/rpc/unread_replies.h"
+#include "daemon/state/reservation_state.h"
 #include "reservation/v1/reservation.grpc.pb.h"
+#include "util/worker_thread.h"
 
 namespace reservationd {
 
@@ -66,7 +68,8 @@ public:
 
 private:
     template <typename Request, typename Reply>
-    using Operation = std::function<absl::Status(ReservationState& state, const Request& request, Reply* reply)>;
+    using Operation = std::function<absl::Status(ReservationState& state, const v1::StateVersion& version,
+                                                 const Request& request, Reply* reply)>;
 
     template <typename Request, typename Reply>
     grpc::ServerUnaryReactor* Submit(grpc::CallbackServerContext* context, const char* method,
@@ -85,6 +88,7 @@ private:
     const int64_t started_unix_millis_;
     StreamLimit stream_limit_;
     UnreadReplies unread_replies_;
+    util::WorkerThread packer_;    // of large replies
     SessionList sessions_;
 };
 

@@ -6,6 +6,7 @@
 
 #include "daemon/rpc/grpc_status.h"
 #include "daemon/rpc/request_validation.h"
+#include "daemon/state/scratch_copy.h"
 #include "daemon/state/transaction.h"
 
 namespace reservationd {
@@ -58,16 +59,17 @@ void Session::Submit() {
     const v1::Operation& operation = exchange.request.operation();
     const absl::Status status = Check(parsed, operation);
     if (!status.ok()) return Answer(exchange, status);
-    engine_.Submit({!IsDryRun(operation),
-                    [&exchange](ReservationState& state) {
-                        exchange.reply.Clear();
-                        RunOperation(state, exchange.request.operation(), exchange.reply.mutable_reply());
-                    },
-                    [self = shared_from_this(), &exchange](Refusal refusal, const std::string& reason) {
-                        const absl::Status outcome = ToStatus(refusal, reason);
-                        self->RecordChange(exchange, outcome);
-                        self->Answer(exchange, outcome);
-                    }});
+    const auto run = [&exchange](ReservationState& state) {
+        RunOperation(state, exchange.request.operation(), exchange.reply.mutable_reply());
+    };
+    const auto done = [self = shared_from_this(), &exchange](Refusal refusal, const std::string& reason) {
+        const absl::Status outcome = ToStatus(refusal, reason);
+        self->RecordChange(exchange, outcome);
+        self->Answer(exchange, outcome);
+    };
+    if (!IsDryRun(operation)) return engine_.Submit({true, run, done});
+    const auto try_it = [run](ReservationState& scratch, const v1::StateVersion&) { run(scratch); };
+    engine_.Try({ScratchCopy(NamedBy(operation)), try_it, done});
 }
 
 // The access lists may have changed since the session began.
@@ -134,9 +136,12 @@ void Session::GoOn() {
     }
 }
 
+// Nothing is read during a dry run, which is not to see what comes after it.
 bool Session::IsToRead() const {
-    return !is_reading_ && !is_at_end_ && !is_broken_ && !is_stopping_ && !is_finished_ &&
-           exchanges_.size() < kMaxUnanswered;
+    if (is_reading_ || is_at_end_ || is_broken_ || is_stopping_ || is_finished_) return false;
+    if (exchanges_.empty()) return true;
+    const Exchange& newest = exchanges_.back();
+    return exchanges_.size() < kMaxUnanswered && (newest.is_answered || !IsDryRun(newest.request.operation()));
 }
 
 // ---- All sessions ----

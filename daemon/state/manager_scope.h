@@ -3,10 +3,10 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "host/event_manager.h"
-#include "host/fabric.h"
 #include "host/log.h"
 #include "host/option_info.h"
 
@@ -14,15 +14,15 @@ namespace reservationd {
 
 // What one manager is to find behind these pointers.
 struct ManagerContext {
-    OptionInfo options;
-    Fabric fabric;
+    std::shared_ptr<OptionInfo> options;    // not null; contexts may share them, so that nobody changes them
     EventManager* event_manager = nullptr;    // not owned; not null while a scope is open
     std::function<void(const LogRecord&)> log;    // receives the manager's records; may be empty
     std::string reason;    // the latest record of the current or last scope that can say why something was refused
 };
 
-// Points the process-wide pointers at a context, and the records at its log, while it lives. Scopes do not overlap:
-// one manager runs at a time.
+// While it lives, the managers that its thread runs find the context behind the process-wide pointers, and its log
+// behind the records. A thread has one scope at a time. Scopes of several threads overlap when their contexts share the
+// options; otherwise the later one waits for the others to end.
 class ManagerScope {
 public:
     // `context` must outlive the scope.
@@ -30,11 +30,6 @@ public:
     ManagerScope(const ManagerScope&) = delete;
     ManagerScope& operator=(const ManagerScope&) = delete;
     ~ManagerScope();
-
-private:
-    OptionInfo* const old_options_;
-    Fabric* const old_fabric_;
-    EventManager* const old_event_manager_;
 };
 
 }    // namespace reservationd

@@ -12,7 +12,7 @@
 
 namespace reservationd {
 
-inline constexpr uint32_t kMaxPageEntries = 5'000;
+inline constexpr uint32_t kMaxPageEntries = 2'000;
 inline constexpr size_t kMaxPageBytes = size_t{1} << 20;    // unless the first entry alone is larger
 
 // Describes the entries of a map of pointers that come after the key `last_listed`, until a page is full. Returns the

@@ -17,6 +17,8 @@ namespace reservationd {
 
 namespace {
 
+constexpr int kMaxNewLimits = 4'000;    // set at once
+
 int64_t NowInUnixMillis() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
@@ -66,7 +68,11 @@ private:
 };
 
 ReservationState::ReservationState(const OptionInfo& options, LogFunction log, uint64_t failed_requests)
-    : context_{options, Fabric{failed_requests}, this, std::move(log), ""},
+    : ReservationState(std::make_shared<OptionInfo>(options), std::move(log), failed_requests) {}
+
+ReservationState::ReservationState(std::shared_ptr<OptionInfo> options, LogFunction log, uint64_t failed_requests)
+    : context_{std::move(options), this, std::move(log), ""},
+      failed_requests_(failed_requests),
       manager_(new RecordingManager(this, changes_)) {}
 
 ReservationState::~ReservationState() = default;
@@ -80,6 +86,7 @@ void ReservationState::RunRequest(v1::ReservationReply* reply, const WantedChang
     const ManagerScope scope(context_);
     const size_t num_events = changes_.events.size();
     reply_ = reply;
+    with_details_ = true;
     operation();
     if (reply->status() != v1::STATUS_SUCCESS) {
         reply->set_reason(context_.reason);
@@ -104,8 +111,6 @@ void ReservationState::DescribeConsequences(const std::string& key, size_t first
 }
 
 void ReservationState::CreateReservation(const v1::CreateReservationRequest& request, v1::ReservationReply* reply) {
-    if (request.dry_run()) return DryRun(&ReservationState::CreateReservation, request, request.guids(), reply);
-
     WantedChange change{request.key(), Sorted(request.guids()), {}};
     const ReservationInfo* const existing = manager_->GetReservationInfoByKey(request.key());
     if (existing != nullptr) {
@@ -115,31 +120,28 @@ void ReservationState::CreateReservation(const v1::CreateReservationRequest& req
     }
     const vesk_create_reservation record = ToRecord(request, change.added_guids);
     RunRequest(reply, change, [&] { manager_->CreateReservation(record, nullptr, 0); });
+    if (reply->status() != v1::STATUS_SUCCESS) ++failed_requests_;
 }
 
 void ReservationState::UpdateReservation(const v1::UpdateReservationRequest& request, v1::ReservationReply* reply) {
-    if (request.dry_run()) return DryRun(&ReservationState::UpdateReservation, request, request.add_guids(), reply);
-
     WantedChange change{request.key(), Sorted(request.add_guids()), Sorted(request.remove_guids())};
     const vesk_update_reservation_by_delta record = ToRecord(request, change.added_guids, change.removed_guids);
     RunRequest(reply, change, [&] { manager_->UpdateReservationByDelta(record, nullptr, 0); });
+    if (reply->status() != v1::STATUS_SUCCESS) ++failed_requests_;
 }
 
 void ReservationState::DeleteReservation(const v1::DeleteReservationRequest& request, v1::ReservationReply* reply) {
-    if (request.dry_run()) return DryRun(&ReservationState::DeleteReservation, request, {}, reply);
-
     const vesk_delete_reservation record = ToRecord(request);
     RunRequest(reply, {request.key(), {}, {}}, [&] { manager_->DeleteReservation(record, nullptr, 0); });
 }
 
 void ReservationState::GetReservations(const v1::GetReservationsRequest& request, v1::ReservationReply* reply) {
-    if (request.key().empty() && context_.options.reservation_mode) return ListReservations(request, reply);
+    if (request.key().empty() && context_.options->reservation_mode) return ListReservations(request, reply);
 
     const ManagerScope scope(context_);
     reply_ = reply;
     with_details_ = request.with_details();
     manager_->ReservationInfoRequest(ToRecord(request), nullptr, 0);
-    with_details_ = true;
     if (reply->status() != v1::STATUS_SUCCESS) reply->set_reason(context_.reason);
 }
 
@@ -155,37 +157,6 @@ void ReservationState::ListReservations(const v1::GetReservationsRequest& reques
     const auto last = FillPage(manager_->reservations, request.page_token(), request.page_size(), describe,
                                reply->mutable_reservations());
     if (last) reply->set_next_page_token(*last);
-}
-
-// Answers the request from a scratch copy: the same manager decides, and nothing is changed here.
-template <typename Request>
-void ReservationState::DryRun(void (ReservationState::*operation)(const Request&, v1::ReservationReply*),
-                              const Request& request, const google::protobuf::RepeatedField<uint64_t>& guids,
-                              v1::ReservationReply* reply) const {
-    Request real_request = request;
-    real_request.set_dry_run(false);
-    (*MakeScratchCopy({{request.key()}, {guids.begin(), guids.end()}, {}}).*operation)(real_request, reply);
-}
-
-std::unique_ptr<ReservationState> ReservationState::MakeScratchCopy(NamedThings named) const {
-    for (const uint64_t guid : named.guids) {
-        const ReservationInfo* const owner = OwnerOf(guid);
-        if (owner != nullptr) named.keys.insert(owner->info.reservation_key);
-    }
-    for (const uint64_t job_id : named.job_ids) {
-        const Job* const job = jobs_.Find(job_id);
-        if (job != nullptr) named.keys.insert(job->description.reservation_key());
-    }
-    auto copy = std::make_unique<ReservationState>(context_.options, nullptr);
-    for (const std::string& key : named.keys) {
-        for (const auto& [job_id, job] : jobs_.OfReservation(key)) {
-            copy->jobs_.Insert(std::make_unique<Job>(job->description));
-        }
-        const ReservationInfo* const reservation = manager_->GetReservationInfoByKey(key);
-        if (reservation == nullptr) continue;
-        copy->Enter(std::make_unique<ReservationInfo>(&reservation->info), reservation->reservation_id);
-    }
-    return copy;
 }
 
 void ReservationState::SendReservationInfoList(const dov_ep*, vesk_reservation_info_list& list, uint64_t) const {
@@ -218,7 +189,7 @@ void ReservationState::BeginJob(const v1::BeginJobRequest& request, v1::BeginJob
 
     const Job* const running = jobs_.Find(request.job_id());
     if (running != nullptr) return ReplyToRepeatedBegin(running->description, description, reply);
-    if (!context_.options.reservation_mode) {
+    if (!context_.options->reservation_mode) {
         reply->set_result(v1::BeginJobReply::RESULT_MODE_DISABLED);
         reply->set_reason("Reservation mode not enabled");
         return;
@@ -301,7 +272,7 @@ std::unique_ptr<Job> ReservationState::ExtractJob(uint64_t job_id) {
 // Counts the reservation's jobs that wait for it, and ends those that are not its own.
 void ReservationState::TakeUpJobsOf(ReservationInfo* reservation) {
     CountJobsOf(reservation);
-    const OptionInfo& options = context_.options;
+    const OptionInfo& options = *context_.options;
     if (options.reservation_mode && !options.reservation_auto_by_pkeys) manager_->HandleAlreadyRunningJobs(reservation);
 }
 
@@ -338,7 +309,7 @@ void ReservationState::GetJobsByReservationKey(std::set<VeskJob*>& jobs, const c
 }
 
 void ReservationState::Describe(v1::DaemonInfo* info) const {
-    const OptionInfo& options = context_.options;
+    const OptionInfo& options = *context_.options;
     info->set_max_jobs_per_hca(options.max_jobs_per_hca);
     info->set_reservation_mode(options.reservation_mode);
     info->set_load_persistent_reservations(options.load_persistent_reservations);
@@ -355,18 +326,20 @@ void ReservationState::Describe(v1::DaemonInfo* info) const {
 // ---- Options ----
 
 void ReservationState::SetOptions(const OptionInfo& options) {
-    const OptionInfo old_options = context_.options;
+    const OptionInfo old_options = *context_.options;
     const bool caps_begin_or_end = (old_options.max_jobs_per_hca == 0) != (options.max_jobs_per_hca == 0);
-    const auto uncount = [this](ReservationInfo* reservation, VeskJob* job) { manager_->RemoveJob(reservation, job); };
-    const auto count = [this](ReservationInfo* reservation, VeskJob* job) { manager_->AddJob(reservation, job); };
-    const ManagerScope scope(context_);
     // The jobs on an HCA are counted only while there is a cap: each job leaves the counts that it came into.
-    if (caps_begin_or_end) ForEachCountedJob(uncount);
-    context_.options = options;
-    if (caps_begin_or_end) ForEachCountedJob(count);
-    if (options.reservation_default_num_trees != old_options.reservation_default_num_trees) {
-        for (const auto& [key, reservation] : manager_->reservations) reservation->SetResourceLimitation();
+    if (caps_begin_or_end) {
+        const ManagerScope scope(context_);
+        ForEachCountedJob([this](ReservationInfo* owner, VeskJob* job) { manager_->RemoveJob(owner, job); });
     }
+    context_.options = std::make_shared<OptionInfo>(options);
+    const ManagerScope scope(context_);
+    if (caps_begin_or_end) {
+        ForEachCountedJob([this](ReservationInfo* owner, VeskJob* job) { manager_->AddJob(owner, job); });
+    }
+    if (options.reservation_default_num_trees != old_options.reservation_default_num_trees) last_key_with_limit_ = "";
+    if (!options.reservation_mode || old_options.reservation_mode) return;
     std::set<std::string> waiting_keys;    // of reservations whose jobs are not all counted
     for (const auto& [job_id, job] : jobs_.all()) {
         if (!job->vesk_job.reservation_accounted) waiting_keys.insert(job->description.reservation_key());
@@ -375,6 +348,21 @@ void ReservationState::SetOptions(const OptionInfo& options) {
         ReservationInfo* const reservation = manager_->GetReservationInfoByKey(key);
         if (reservation != nullptr) TakeUpJobsOf(reservation);
     }
+}
+
+bool ReservationState::SetTreesLimits() {
+    if (!last_key_with_limit_) return false;
+    const ManagerScope scope(context_);
+    auto next = manager_->reservations.upper_bound(*last_key_with_limit_);
+    for (int i = 0; i < kMaxNewLimits && next != manager_->reservations.end(); ++i, ++next) {
+        next->second->SetResourceLimitation();
+    }
+    if (next == manager_->reservations.end()) {
+        last_key_with_limit_.reset();
+    } else {
+        last_key_with_limit_ = std::prev(next)->first;
+    }
+    return last_key_with_limit_.has_value();
 }
 
 // Calls `change` with the reservation and the job.

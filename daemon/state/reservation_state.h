@@ -35,14 +35,8 @@ struct StateChanges {
     std::vector<v1::Event> events;    // in order, without sequence numbers
 };
 
-// What requests name.
-struct NamedThings {
-    std::set<std::string> keys;
-    std::vector<uint64_t> guids;
-    std::vector<uint64_t> job_ids;
-};
-
-// Used by one thread at a time. Several can exist, of which one runs an operation at a time, in any thread.
+// Used by one thread at a time. Several can be used at once while they share their options; otherwise operations wait
+// for each other, as ManagerScopes do.
 //
 // REQUIRES of every request: its key and its numbers have been checked.
 class ReservationState : private CommandManager, private EventManager {
@@ -52,13 +46,14 @@ public:
     // Starts without reservations and jobs. `log` receives the manager's records; it may be empty. `failed_requests`:
     // refused requests counted so far.
     ReservationState(const OptionInfo& options, LogFunction log, uint64_t failed_requests = 0);
+    ReservationState(std::shared_ptr<OptionInfo> options, LogFunction log, uint64_t failed_requests = 0);
     ReservationState(const ReservationState&) = delete;
     ReservationState& operator=(const ReservationState&) = delete;
     ~ReservationState() override;
 
     // ---- Requests. Each fills `reply`, which comes empty. ----
 
-    // The first three with dry_run: what the manager would answer and do, with nothing changed.
+    // Whether one is a dry run is not looked at: that is tried in a state made by a ScratchCopy.
     void CreateReservation(const v1::CreateReservationRequest& request, v1::ReservationReply* reply);
     void UpdateReservation(const v1::UpdateReservationRequest& request, v1::ReservationReply* reply);
     void DeleteReservation(const v1::DeleteReservationRequest& request, v1::ReservationReply* reply);
@@ -70,13 +65,13 @@ public:
     void ReportPort(const v1::ReportPortRequest& request, v1::ReportPortReply* reply);
     void Describe(v1::DaemonInfo* info) const;    // the options and the counts
 
-    // Lets the options hold from now on, and what reservations and HCAs derive from them. When reservations come into
-    // use by that, jobs are counted or end as by Restore.
+    // Lets the options hold from now on, and what HCAs derive from them; reservations follow by SetTreesLimits. When
+    // reservations come into use by that, jobs are counted or end as by Restore.
     void SetOptions(const OptionInfo& options);
 
-    // Returns a state of its own, without a log, in which requests that name nothing else can be tried: with the
-    // reservations that have these keys, own these GUIDs or have these jobs, and with their jobs.
-    std::unique_ptr<ReservationState> MakeScratchCopy(NamedThings named) const;
+    // Gives some thousand reservations the default trees limit that holds now, in a millisecond or two. False: all have
+    // it.
+    bool SetTreesLimits();
 
     // ---- Storing and restoring ----
 
@@ -101,9 +96,11 @@ public:
     // Notes that a stored reservation is not restored: it is gone.
     void Drop(const std::string& key);
 
-    uint64_t failed_requests() const { return context_.fabric.failed_reservation_requests; }
+    // Create and update requests refused so far.
+    uint64_t failed_requests() const { return failed_requests_; }
 
 private:
+    friend class ScratchCopy;
     class RecordingManager;
 
     void SendReservationInfoList(const dov_ep* ep, vesk_reservation_info_list& list,
@@ -119,9 +116,6 @@ private:
     template <typename Operation>
     void RunRequest(v1::ReservationReply* reply, const WantedChange& change, Operation operation);
     void DescribeConsequences(const std::string& key, size_t first_event, v1::ReservationReply* reply) const;
-    template <typename Request>
-    void DryRun(void (ReservationState::*operation)(const Request&, v1::ReservationReply*), const Request& request,
-                const google::protobuf::RepeatedField<uint64_t>& guids, v1::ReservationReply* reply) const;
     void ListReservations(const v1::GetReservationsRequest& request, v1::ReservationReply* reply) const;
     void Describe(const vesk_reservation_info& entry, v1::Reservation* reservation) const;
     void ReplyToRepeatedBegin(const v1::Job& running, const v1::Job& wanted, v1::BeginJobReply* reply) const;
@@ -137,6 +131,7 @@ private:
     ReservationInfo* OwnerOf(uint64_t guid) const;
 
     ManagerContext context_;
+    uint64_t failed_requests_;
     JobTable jobs_;
     // The manager may look at a job until the operation that ended it is over: kept until TakeChanges.
     std::vector<std::unique_ptr<Job>> ended_jobs_;
@@ -145,6 +140,8 @@ private:
     const std::unique_ptr<ReservationManager> manager_;
     v1::ReservationReply* reply_ = nullptr;    // of the request under way
     bool with_details_ = true;    // `reply_` describes reservations in full
+    // The last reservation that has the default trees limit which holds now; none: all have it.
+    std::optional<std::string> last_key_with_limit_;
 };
 
 }    // namespace reservationd

@@ -7,6 +7,8 @@
 #include <string>
 #include <utility>
 
+#include "daemon/state/scratch_copy.h"
+
 namespace reservationd {
 
 namespace {
@@ -23,37 +25,6 @@ bool IsSuccess(const v1::OperationReply& reply) {
             break;
     }
     return false;
-}
-
-void AddNames(const v1::Operation& operation, NamedThings& named) {
-    const auto add_guids = [&named](const google::protobuf::RepeatedField<uint64_t>& guids) {
-        named.guids.insert(named.guids.end(), guids.begin(), guids.end());
-    };
-    switch (operation.operation_case()) {
-        case v1::Operation::kCreateReservation:
-            named.keys.insert(operation.create_reservation().key());
-            return add_guids(operation.create_reservation().guids());
-        case v1::Operation::kUpdateReservation:
-            named.keys.insert(operation.update_reservation().key());
-            return add_guids(operation.update_reservation().add_guids());
-        case v1::Operation::kDeleteReservation:
-            named.keys.insert(operation.delete_reservation().key());
-            return;
-        case v1::Operation::kBeginJob:
-            named.job_ids.push_back(operation.begin_job().job_id());
-            return add_guids(operation.begin_job().guids());
-        case v1::Operation::kEndJob:
-            named.job_ids.push_back(operation.end_job().job_id());
-            return;
-        case v1::Operation::OPERATION_NOT_SET:
-            return;
-    }
-}
-
-std::unique_ptr<ReservationState> MakeScratchCopy(const ReservationState& state, const v1::TransactRequest& request) {
-    NamedThings named;
-    for (const v1::Operation& operation : request.operations()) AddNames(operation, named);
-    return state.MakeScratchCopy(std::move(named));
 }
 
 void RunAll(ReservationState& state, const v1::TransactRequest& request, v1::TransactReply* reply) {
@@ -112,16 +83,23 @@ void RunOperation(ReservationState& state, const v1::Operation& operation, v1::O
     }
 }
 
-// What is tried first on a copy is then known to succeed: nothing needs to be taken back.
-absl::Status Transact(ReservationState& state, const v1::StateVersion& version, const v1::TransactRequest& request,
-                      v1::TransactReply* reply) {
+absl::Status TryTransaction(ReservationState& scratch, const v1::StateVersion& version,
+                            const v1::TransactRequest& request, v1::TransactReply* reply) {
     absl::Status status;
     if (request.has_expected_version()) status = CheckVersion(version, request.expected_version());
     if (!status.ok()) return status;
-    RunAll(*MakeScratchCopy(state, request), request, reply);
-    if (!reply->accepted()) return status;
-    if (request.has_allowed_consequences()) status = CheckConsequences(*reply, request.allowed_consequences());
-    if (!status.ok() || request.dry_run()) return status;
+    RunAll(scratch, request, reply);
+    if (!reply->accepted() || !request.has_allowed_consequences()) return status;
+    return CheckConsequences(*reply, request.allowed_consequences());
+}
+
+// What is tried first on a copy is then known to succeed: nothing needs to be taken back.
+absl::Status Transact(ReservationState& state, const v1::StateVersion& version, const v1::TransactRequest& request,
+                      v1::TransactReply* reply) {
+    ScratchCopy copy(NamedBy(request));
+    while (!copy.Advance(state)) continue;
+    absl::Status status = TryTransaction(*copy.MakeState(), version, request, reply);
+    if (!status.ok() || !reply->accepted()) return status;
     reply->Clear();
     RunAll(state, request, reply);
     if (!reply->accepted()) throw std::logic_error("a transaction is refused after a trial that succeeded");

@@ -413,5 +413,37 @@ TEST_F(DaemonTest, JobsAreCountedAgainWhenTheirPortsAreReportedAgain) {
     EXPECT_EQ(daemon.State(), "reservation_0x7fff {1,2,} 2 trees, jobs 7\njob 7 of reservation_0x7fff\n");
 }
 
+TEST_F(DaemonTest, ALargeDryRunLetsChangesPassAndSeesThem) {
+    Daemon daemon(settings);
+    v1::CreateReservationRequest request;
+    request.set_key("A");
+    for (uint64_t guid = 1; guid <= 20'000; ++guid) request.add_guids(guid);
+    v1::ReservationReply foretold;
+    std::string answers;
+    std::promise<void> is_submitted, is_answered;
+    daemon.engine.Submit(
+        {false, [&](ReservationState&) { is_submitted.get_future().wait(); }, [](Refusal, const std::string&) {}});
+    daemon.engine.Try({ScratchCopy(NamedBy(request)),
+                       [&](ReservationState& scratch, const v1::StateVersion& version) {
+                           answers += "dry run at " + std::to_string(version.sequence());
+                           scratch.CreateReservation(request, &foretold);
+                       },
+                       [&](Refusal, const std::string&) { is_answered.set_value(); }});
+    daemon.engine.Submit({true,
+                          [&](ReservationState& state) {
+                              v1::ReservationReply reply;
+                              v1::CreateReservationRequest other;
+                              other.set_key("B");
+                              other.add_guids(5);
+                              state.CreateReservation(other, &reply);
+                          },
+                          [&](Refusal, const std::string&) { answers += "change, "; }});
+    is_submitted.set_value();
+    is_answered.get_future().wait();
+    EXPECT_EQ(answers, "change, dry run at 1");
+    EXPECT_EQ(foretold.conflict().ShortDebugString(), "guid: 5 reservation_key: \"B\"");
+    EXPECT_EQ(daemon.Info().failed_reservation_requests(), 0u);
+}
+
 }    // namespace
 }    // namespace reservationd

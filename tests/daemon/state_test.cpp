@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "daemon/state/reservation_state.h"
+#include "daemon/state/scratch_copy.h"
 #include "daemon/state/transaction.h"
 
 namespace reservationd {
@@ -34,7 +35,11 @@ protected:
     std::string Run(const std::string& fields) {
         v1::TransactReply reply;
         const auto version = Parse<v1::StateVersion>("epoch: 'e' sequence: 9");
-        const absl::Status status = Transact(state, version, Parse<v1::TransactRequest>(fields), &reply);
+        const auto request = Parse<v1::TransactRequest>(fields);
+        ScratchCopy copy(NamedBy(request));
+        const bool is_tried = request.dry_run() && copy.Advance(state);
+        const absl::Status status = is_tried ? TryTransaction(*copy.MakeState(), version, request, &reply)
+                                             : Transact(state, version, request, &reply);
         if (!status.ok()) return status.ToString();
         std::string text = reply.accepted() ? "accepted\n" : "refused\n";
         for (const v1::OperationReply& operation : reply.replies()) text += operation.ShortDebugString() + "\n";
@@ -135,6 +140,25 @@ TEST_F(StateTest, APageHoldsAsManyEntriesAsAClientTakes) {
     for (uint64_t guid = 131'000; guid < 140'000; ++guid) larger += "add_guids: " + std::to_string(guid) + " ";
     Run(larger + "} }");
     EXPECT_EQ(Pages(0), (std::vector<std::string>{"AB", "C", "DE", "65666869"}));
+}
+
+TEST_F(StateTest, ANewDefaultLimitReachesAllReservationsBitByBit) {
+    for (uint64_t guid = 1; guid <= 4'001; ++guid) {
+        v1::CreateReservationRequest request;
+        v1::ReservationReply reply;
+        request.set_key(std::to_string(10'000 + guid));
+        request.add_guids(guid);
+        state.CreateReservation(request, &reply);
+    }
+    OptionInfo options = Options();
+    options.reservation_default_num_trees = 3;
+    state.SetOptions(options);
+    EXPECT_TRUE(state.SetTreesLimits());
+    EXPECT_NE(Run("operations { delete_reservation { key: '14000' } }").find("max_trees: 3"), std::string::npos);
+    EXPECT_NE(Run("operations { delete_reservation { key: '14001' } } dry_run: true").find("max_trees: 3"),
+              std::string::npos);
+    EXPECT_FALSE(state.SetTreesLimits());
+    EXPECT_NE(Run("operations { delete_reservation { key: '14001' } }").find("max_trees: 3"), std::string::npos);
 }
 
 }    // namespace

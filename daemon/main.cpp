@@ -85,8 +85,9 @@ int main(int argc, char** argv) try {
     mallopt(M_MMAP_THRESHOLD, 256 * 1024);
     const Settings settings = ReadSettings(argc, argv);
     if (settings.check_store) return CheckStore(settings.engine.options.persistent_dir);
+    const sigset_t signals = TakeOverSignals();    // before the log, which starts a thread
     OpenLog(settings.log, settings.engine.log_level);
-    Serve(settings, TakeOverSignals(), argc, argv);
+    Serve(settings, signals, argc, argv);
     return 0;
 } catch (const SettingsError& error) {
     std::fprintf(stderr, "reservationd: %s\n", error.what());

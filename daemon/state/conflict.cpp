@@ -75,10 +75,8 @@ v1::Conflict FindRunningJobs(const ReservationInfo& reservation, const WantedCha
 v1::Conflict FindConflict(const ReservationManager& manager, v1::Status status, const WantedChange& change) {
     if (status == v1::STATUS_GUID_RESERVED) return FindReservedGuid(manager, change);
     if (status == v1::STATUS_DUPLICATE_GUID) return FindDuplicateGuid(manager, change);
-    const auto found = manager.reservations.find(change.key);
-    if (found == manager.reservations.end()) return {};
-    if (status == v1::STATUS_GUIDS_USED_BY_JOB) return FindUsedGuid(*found->second, change);
-    if (status == v1::STATUS_HAS_JOBS) return FindRunningJobs(*found->second, change);
+    if (status == v1::STATUS_GUIDS_USED_BY_JOB) return FindUsedGuid(*manager.reservations.at(change.key), change);
+    if (status == v1::STATUS_HAS_JOBS) return FindRunningJobs(*manager.reservations.at(change.key), change);
     return {};
 }
 

@@ -51,7 +51,7 @@ SQLite::Database Open(const std::string& path) try {
     return OpenExisting(path);
 } catch (const SQLite::Exception& error) {
     WriteLog(kLogWarning, path + " is begun anew: " + error.what());
-    for (const char* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(path + suffix);
+    for (const char* suffix : {"", "-wal"}) std::filesystem::remove(path + suffix);
     return OpenExisting(path);
 }
 

@@ -200,8 +200,7 @@ bool ReservationFiles::TakeSpare(const std::string& text) {
 
 void ReservationFiles::KeepOrDelete(const std::string& spare) {
     const struct stat status = StatusOfStaged(spare);
-    const bool is_ours = status.st_mode == mode_ && status.st_uid == geteuid();
-    if (is_ours && spares_.size() < kMaxSpares) {
+    if (status.st_mode == mode_ && status.st_uid == geteuid()) {
         spares_.push_back(spare);
     } else {
         unlinkat(staging_file_, spare.c_str(), 0);

@@ -75,7 +75,7 @@ protected:
         std::istringstream words(Replaced(command, "DIR", dir_.path()));
         std::vector<std::string> arguments(std::istream_iterator<std::string>(words), {});
         std::vector<const char*> argv{"reservationctl"};
-        for (const std::string& argument : arguments) argv.push_back(argument.c_str());
+        for (const std::string& argument : arguments) argv.push_back(argument == "''" ? "" : argument.c_str());
         Typist typist(input, meanwhile);
         std::ostringstream output;
         std::streambuf* const before[] = {std::cin.rdbuf(&typist), std::cout.rdbuf(output.rdbuf()),
@@ -290,11 +290,13 @@ TEST_F(CtlTest, EveryReplyIsShownAsJson) {
 create A --pkey 2 --guids 1 --json => {|*"STATUS_PKEY_MISMATCH"*}|refused: STATUS_PKEY_MISMATCH: *|exit 1|
 job begin 7 --guids 1 --json => {|*"RESULT_ADMITTED"*"reservationKey": "A"*}|
 job begin 7 --guids 9 --json => {|*"RESULT_ALREADY_RUNNING"*}|refused: RESULT_ALREADY_RUNNING: *|exit 1|
+list --json => {| "status": "STATUS_SUCCESS",|*}|
 job list --json => {| "jobs": *"jobId": "7"*}|
 job end 7 --json => {| "wasRunning": true|}|
 show A --json => {|*"guids": ?|*"1"|*}|
 show B --json => {|*"STATUS_NOT_FOUND"*}|refused: STATUS_NOT_FOUND: *|exit 6|
 status --json => {*"reservationMode": true,*}|
+--version => [0-9]*.[0-9]*|
 watch --from 1 --count 1 --json => {*"KIND_NONE"*}|{*"KIND_RESERVATION_CREATED"*}|
 )");
 }
@@ -325,6 +327,7 @@ create B --pkey 1 --guids 2 --limit num_trees=24576 => --limit num_trees: '24576
 create B --pkey 1 --guids 2 --limit limit9=1 => --limit: 'limit9=1' is not NAME=N with one of *
 create B --pkey 1 --guids 2 --limit limit0 => --limit: 'limit0' is not NAME=N with one of *
 create a/b --pkey 1 --guids 2 => the daemon cannot read the request: key 'a/b' contains a slash, *
+show '' => KEY: is empty
 job begin 0 --guids 1 => JOB: '0' is not a number from 1 to 18446744073709551615
 job begin 1 --guids 1 --trees 256 => --trees: '256' is not a number from 1 to 255
 job begin 1 --guids 1 --planes 0 => --planes: '0' is not a number from 1 to 255
@@ -378,6 +381,7 @@ list --timeout 1 => unix:DIR/socket has not answered within 1 s (--timeout); a c
 TEST(DescribeTest, ShowsTheDaemonAndItsWarnings) {
     v1::DaemonInfo info;
     EXPECT_NE(Describe(info).find("\nfiles to be written          none\n"), std::string::npos);
+    EXPECT_TRUE(Describe(info).ends_with("  unlimited\n"));
     ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(
         R"(version: "1.2" started_unix_millis: 86400999 persistent_dir: "/state" store_generation: 3 store_writable: true
         durability: "machine" unwritten_files: 4 unwritten_files_age_millis: 1540 oldest_sequence: 5 last_sequence: 6

@@ -19,6 +19,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "daemon/engine/engine.h"
@@ -112,7 +113,7 @@ public:
         for (const v1::Reservation& reservation : all.reservations()) {
             text << reservation.key() << " {";
             for (const uint64_t guid : reservation.guids()) text << guid << ",";
-            text << "} " << reservation.used_trees() << " trees, jobs";
+            text << (reservation.id() == 0 ? "without id" : "") << "} " << reservation.used_trees() << " trees, jobs";
             for (const uint64_t job_id : reservation.job_ids()) text << " " << job_id;
             text << "\n";
         }
@@ -171,6 +172,7 @@ TEST_F(DaemonTest, WhatWasAnsweredSurvivesTheProcessAndDamagedFiles) {
               "A {1,2,3,4,} 2 trees, jobs 7\n"
               "B {8,9,} 0 trees, jobs\n"
               "job 7 of A\n");
+    EXPECT_FALSE(fs::exists(PathOf("reservationd.sqlite-shm")) || fs::exists(PathOf("mirror.sqlite-shm")));
     // The job that runs is admitted again without being counted again.
     EXPECT_EQ(daemon->Begin("job_id: 7 guids: [4, 1] trees: 2").reservation_key(), "A");
     EXPECT_EQ(daemon->Begin("job_id: 7 guids: [1] trees: 2").result(), v1::BeginJobReply::RESULT_ALREADY_RUNNING);
@@ -235,6 +237,7 @@ TEST_F(DaemonTest, AFileThatMayBeOlderThanTheStoreIsNotTaken) {
             SQLite::Database(journal, SQLite::OPEN_READWRITE).exec("UPDATE meta SET boot_id = 'another', is_clean = 0");
         } else {
             Write(journal, std::string(100, 'x'));
+            EXPECT_THROW(FindFaultsOfStore(PathOf("")), StoreError);
         }
         EXPECT_EQ(Daemon(settings).State(), "A {1,2,} 0 trees, jobs\n");
     }
@@ -256,13 +259,15 @@ TEST_F(DaemonTest, ADamagedRowIsSetAsideAndEverythingElseIsThere) {
             "UPDATE reservations SET packed = replace(packed, 'pkey', 'qkey') WHERE key = 'A';"
             "UPDATE jobs SET checksum = checksum + 1 WHERE job_id = 8; UPDATE events SET event = x'00' WHERE sequence "
             "= 1;");
+    EXPECT_EQ(FindFaultsOfStore(PathOf("")).at(1), "job 8 is damaged");
     const auto expect_all_but_the_job = [&] {
         Daemon daemon(settings);
         EXPECT_EQ(daemon.State(), "A {1,2,} 2 trees, jobs 7\nB {3,} 0 trees, jobs\njob 7 of A\n");
         EXPECT_EQ(daemon.Events(), "1_NONE ; 2_RESERVATION_CREATED B; 3_RESERVATION_UPDATED A; ");
     };
     expect_all_but_the_job();
-    EXPECT_NE(Content(PathOf("log")).find("stored job 8 is damaged and set aside"), std::string::npos);
+    EXPECT_NE(Content(PathOf("log")).find(settings.options.persistent_dir + ": stored job 8 is damaged"),
+              std::string::npos);
     expect_all_but_the_job();
     EXPECT_EQ(SQLite::Database(store)
                   .execAndGet("SELECT group_concat(kind || ' ' || name || ' ' || typeof(content)) FROM damaged")
@@ -313,6 +318,7 @@ TEST_F(DaemonTest, AStoreThatIsNotAsItWasLeftIsNoticed) {
     expect(false, "A {1,} 2 trees, jobs 7\njob 7 of A\n");
     for (const char* suffix : {"", "-wal"}) fs::rename(PathOf("copy") + suffix, store + suffix);
     EXPECT_EQ(FindFaultsOfStore(PathOf("")).size(), 2U);
+    EXPECT_TRUE(fs::exists(store + "-wal"));
     expect(true, "A {1,} 0 trees, jobs\n");
     EXPECT_EQ(FindFaultsOfStore(PathOf("")).size(), 0U);
     expect(false, "A {1,} 0 trees, jobs\n");
@@ -333,6 +339,12 @@ TEST_F(DaemonTest, AStoreThatIsNotAsItWasLeftIsNoticed) {
         EXPECT_FALSE(daemon.IsRefused("key: 'B' guids: 99")) << suffix;
     }
     EXPECT_EQ(daemon.State(), "A {1,} 0 trees, jobs\nB {99,} 0 trees, jobs\n");
+}
+
+TEST_F(DaemonTest, ACallThatAlwaysFailsEndsTheProcess) {
+    const auto fail = [](ReservationState&) { throw std::runtime_error("no memory"); };
+    EXPECT_EXIT(Daemon(settings).Run(false, fail), testing::ExitedWithCode(EXIT_FAILURE), "");
+    EXPECT_NE(Content(PathOf("log")).find("The daemon gives up: no memory\n"), std::string::npos);
 }
 
 // Modes that count no job keep all of them, for the next start or reload that counts them again.
@@ -374,7 +386,9 @@ TEST_F(DaemonTest, WhoReadsAFileGetsAllOfOneText) {
     EXPECT_EQ(FilesIn(""), "reservation.B ");
     EXPECT_LE(std::distance(fs::directory_iterator(PathOf(".staging")), {}), 2);
 
-    fs::create_directory_symlink(PathOf("elsewhere"), PathOf("ignored"));
+    EXPECT_EQ(files.Read(".staging", 5, "").status().message(), "is not a regular file");
+    EXPECT_EQ(files.Read("backup", 5, "sec").status().message(), "is larger than 5 bytes");
+    fs::create_directory_symlink(PathOf(".staging"), PathOf("ignored"));
     EXPECT_THROW(files.SetAside("reservation.B"), std::system_error);
 }
 
@@ -391,10 +405,12 @@ TEST_F(DaemonTest, TheMirrorIsNeverFarBehindAndLeavesNothingOfDeletedKeys) {
             mirror.Put({{std::to_string(i), text}, {std::to_string(i - 2), nullptr}});
             most_dirty_keys = std::max(most_dirty_keys, mirror.status().dirty_keys);
         }
+        while (mirror.status().dirty_keys > 0) std::this_thread::yield();
     }
     EXPECT_LE(most_dirty_keys, 10'300U);
     EXPECT_EQ(FilesIn(""), "reservation.49998 reservation.49999 ");
     EXPECT_EQ(journal.Read().size(), 2U);
+    EXPECT_EQ(journal.Read().at("49999").intended_checksum, std::nullopt);
 }
 
 TEST_F(DaemonTest, JobsAreCountedAgainWhenTheirPortsAreReportedAgain) {

@@ -9,6 +9,7 @@
 #include "daemon/state/reservation_state.h"
 #include "daemon/state/scratch_copy.h"
 #include "daemon/state/transaction.h"
+#include "host/log.h"
 
 namespace reservationd {
 namespace {
@@ -33,6 +34,7 @@ protected:
 
     // The outcome: a line for each reply, or the error.
     std::string Run(const std::string& fields) {
+        log_set_level(1);    // the reasons are there all the same
         v1::TransactReply reply;
         const auto version = Parse<v1::StateVersion>("epoch: 'e' sequence: 9");
         const auto request = Parse<v1::TransactRequest>(fields);
@@ -100,6 +102,7 @@ TEST_F(StateTest, ATransactionIsCarriedOutAsForetoldOrNotAtAll) {
     const std::string refused = Run(operations + "operations { delete_reservation { key: 'B' } }");
     EXPECT_EQ(refused.substr(0, refused.find("\nreservation { status: STATUS_NOT_FOUND")),
               "refused" + foretold.substr(foretold.find('\n'), foretold.rfind('\n') - foretold.find('\n')));
+    EXPECT_NE(refused.find("reason: \""), std::string::npos);
     EXPECT_EQ(Run("operations { begin_job { job_id: 7 guids: 1 trees: 1 } }"),
               "refused\nbegin_job { result: RESULT_ALREADY_RUNNING reason: \"Job 7 is running with other HCAs, planes "
               "or trees\" }\n");

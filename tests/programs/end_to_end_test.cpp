@@ -142,6 +142,12 @@ protected:
         return daemon;
     }
 
+    // The daemon's records of changes and denials: "local: EndJob 7: ended\n".
+    static std::string AuditOf(const Program& daemon) {
+        const std::string records = Replaced(daemon.Output(), "\\S+ AUDIT ([^\n]*\n)|[^\n]*\n", "$1");
+        return Replaced(records, "127.0.0.1:\\d+", "ADDRESS");
+    }
+
     const TemporaryDirectory dir_;
 };
 
@@ -157,7 +163,7 @@ TEST_F(EndToEndTest, AnOperatorsSession) {
         EXPECT_TRUE(std::regex_search(facts, std::regex(fact + std::string("\n")))) << fact << " in " << facts;
     }
     WriteFile("backup", Ctl("list --json"));
-    for (const char* command : {"job end 7", "delete A"}) Ctl(command);
+    for (const char* command : {"job end 7", "delete A", "delete A", "pkeys report 0x10 1 --pkeys 1"}) Ctl(command);
     Ctl("apply DIR/backup --yes");
     ExpectSession(R"($ apply DIR/backup
 nothing to change: 1 reservation as declared
@@ -173,9 +179,14 @@ next event: 2
     EXPECT_EQ(daemon->Wait(), 0);
     EXPECT_EQ(watcher.Wait(), 3);
     watcher.WaitFor("the daemon is stopping");
+    EXPECT_EQ(Replaced(AuditOf(*daemon), "\nlocal: ", "; "),
+              "local: CreateReservation 'A': STATUS_SUCCESS; BeginJob 7: RESULT_ADMITTED; UpdateReservation 'A': "
+              "STATUS_SUCCESS; EndJob 7: ended; DeleteReservation 'A': STATUS_SUCCESS; DeleteReservation 'A': "
+              "STATUS_NOT_FOUND; ReportPort 0x10 1: nothing changed; Transact of 1: accepted; CreateReservation 'A': "
+              "STATUS_SUCCESS\n");
     EXPECT_TRUE(Ctl("list").ends_with("\nexit 3\n"));
     daemon = Serve("--reservation-mode --no-load-persistent-reservations");
-    EXPECT_EQ(Ctl("list --keys"), "");
+    EXPECT_EQ(Ctl("list --keys") + Ctl("watch --from 5 --count 1"), "next event: 5\n5  TIME  reservation A removed\n");
 }
 
 TEST_F(EndToEndTest, EveryRefusalSaysWhyAndChangesNothing) {
@@ -183,24 +194,24 @@ TEST_F(EndToEndTest, EveryRefusalSaysWhyAndChangesNothing) {
     Ctl("create A --pkey 0x8001 --guids 0x10-0x17 --num-trees 4");
     Ctl("create B --pkey 0x8002 --guids 0x20,0x21");
     Ctl("job begin 7 --guids 0x10,0x11 --trees 2");
+    Ctl("job begin 9 --guids 0x20");
     const std::string before = Ctl("list --json");
     const std::pair<const char*, const char*> refusals[] = {
-        {"update A --add 1,0x17", "STATUS_DUPLICATE_GUID: .*GUID 0x17, reservation A\n.*exit 1"},
+        {"update A --add 1,0x17", "STATUS_DUPLICATE_GUID: a .*GUID 0x17, reservation A\n.*: leave .*exit 1"},
         {"create A --pkey 0x8001 --guids 0x10-0x17,0x20 --num-trees 4",
-         "STATUS_GUID_RESERVED: .*GUID 0x20, reservation B\n.*exit 1"},
-        {"update none --add 1", "STATUS_INVALID_KEY: .*could not find such an existing reservation.*exit 6"},
-        {"update A --remove 0x20", "STATUS_INVALID_GUIDS: .*not part of the reservation.*exit 1"},
-        {"show none", "STATUS_NOT_FOUND: .*exit 6"},
-        {"delete A", "STATUS_HAS_JOBS: .*reservation A, job 7\n.*exit 1"},
-        {"create A --pkey 1 --guids 1", "STATUS_PKEY_MISMATCH: .*original: 0x8001, new: 0x0001.*exit 1"},
-        {"create A --pkey 0x8001 --guids 1 --num-trees 5", "STATUS_LIMITS_MISMATCH: .*exit 1"},
-        {"update A --remove 0x11,0x12", "STATUS_GUIDS_USED_BY_JOB: .*GUID 0x11, reservation A, job 7\n.*exit 1"},
-        {"job begin 8 --guids 0x10,0x20", "RESULT_NO_RESERVATION: .*guid=0x20 in reservation_key=B.*exit 6"},
-        {"job begin 8 --guids 0x10 --trees 3", "RESULT_LIMIT_EXCEEDED: .*already using 2 trees.*exit 1"},
-        {"job begin 7 --guids 0x10", "RESULT_ALREADY_RUNNING: a job with this id runs with other HCAs, .*exit 1"},
+         "STATUS_GUID_RESERVED: a .*GUID 0x20, reservation B, job 9\n.*: remove .*exit 1"},
+        {"update none --add 1", "STATUS_INVALID_KEY: the .*find such an existing reservation.*: see .*exit 6"},
+        {"update A --remove 0x20", "STATUS_INVALID_GUIDS: there .*not part of the reservation.*: see .*exit 1"},
+        {"show none", "STATUS_NOT_FOUND: there .*: see .*exit 6"},
+        {"delete A", "STATUS_HAS_JOBS: the .*reservation A, job 7\n.*: wait .*exit 1"},
+        {"create A --pkey 1 --guids 1", "STATUS_PKEY_MISMATCH: the .*original: 0x8001, new: 0x0001.*: give .*exit 1"},
+        {"create A --pkey 0x8001 --guids 1 --num-trees 5", "STATUS_LIMITS_MISMATCH: the .*: give .*exit 1"},
+        {"update A --remove 0x11,0x12", "STATUS_GUIDS_USED_BY_JOB: a .*GUID 0x11, .*, job 7\n.*: wait .*exit 1"},
+        {"job begin 8 --guids 0x10,0x20", "RESULT_NO_RESERVATION: no .*guid=0x20 in reservation_key=B.*: see .*exit 6"},
+        {"job begin 8 --guids 0x10 --trees 3", "RESULT_LIMIT_EXCEEDED: the .*already using 2 trees.*: see .*exit 1"},
+        {"job begin 7 --guids 0x10", "RESULT_ALREADY_RUNNING: a job with this id runs .*: see .*exit 1"},
         {"watch --from 9", "event 9 is not there.*, the next one to happen 3\nexit 1"},
-        {"create C --pkey 1 --guids 0x100-0x5000", "nothing has been changed: .* 65536.*exit 1"},
-        {"create a/b --pkey 1 --guids 1", "key 'a/b' contains a slash.*exit 2"}};
+        {"create C --pkey 1 --guids 0x100-0x5000", "nothing has been changed: .* 65536.*exit 1"}};
     for (const auto& [command, expected] : refusals) {
         const std::string output = Replaced(Ctl(command), "\n", "@");
         EXPECT_TRUE(std::regex_search(output, std::regex(Replaced(expected, "\n", "@")))) << command << ": " << output;
@@ -218,9 +229,11 @@ TEST_F(EndToEndTest, EveryRefusalSaysWhyAndChangesNothing) {
     std::vector<std::unique_ptr<grpc::ClientReader<v1::Event>>> watches;
     for (grpc::ClientContext& context : contexts) watches.push_back(stub->Watch(&context, {}));
     v1::Event start;
-    int num_started = 0;
-    for (const auto& watch : watches) num_started += watch->Read(&start) ? 1 : 0;
-    EXPECT_EQ(num_started, 64);
+    std::map<std::string, int> outcomes;
+    for (const auto& watch : watches) ++outcomes[watch->Read(&start) ? "" : watch->Finish().error_message()];
+    EXPECT_EQ(outcomes[""], 64);
+    EXPECT_EQ(outcomes["the connection has 64 watches and sessions, and may have no more"], 1);
+    EXPECT_TRUE(Ctl("watch --from 1 --count 1").starts_with("next event: 1\n"));
     for (grpc::ClientContext& context : contexts) context.TryCancel();
     EXPECT_EQ(Ctl("list --json"), before);
 }
@@ -282,7 +295,8 @@ TEST_F(EndToEndTest, ASessionAnswersInOrderAndEndsWithTheDaemon) {
         v1::SessionReply reply;
         for (uint64_t id = 1; id <= kNumOperations && session->Read(&reply); ++id) {
             EXPECT_EQ(reply.id(), id);
-            EXPECT_EQ(reply.error_code(), id % 100 == 0 ? 3U : 0U) << reply.error_message();
+            EXPECT_EQ(reply.error_code(), id % 100 == 0 ? 3U : 0U);
+            EXPECT_EQ(reply.error_message().substr(0, 9), id % 100 == 0 ? "key 'a/b'" : "");
             EXPECT_EQ(reply.reply().reservation().status(), id % 7 == 0 && id % 100 != 0 ? 6 : 0);
         }
         writer.join();
@@ -292,6 +306,9 @@ TEST_F(EndToEndTest, ASessionAnswersInOrderAndEndsWithTheDaemon) {
         EXPECT_EQ(session->Finish().error_code(), grpc::StatusCode::UNAVAILABLE);
     }
     EXPECT_EQ(daemon->Wait(), 0);
+    const std::string audit = AuditOf(*daemon);
+    EXPECT_TRUE(std::count(audit.begin(), audit.end(), '\n') == kNumOperations - 5 ||
+                audit.find(" changes left out here\n") != audit.npos);
 }
 
 TEST_F(EndToEndTest, ASecondDaemonIsTurnedAway) {
@@ -334,8 +351,8 @@ ended 1 job: 7
 )");
     daemon->WaitFor("Got a reservation update request");    // a record of level 4
     reload("reservation-mode = false\n", "Option reservation-mode: 'true' becomes ");
-    EXPECT_TRUE(Ctl("update A --add 4").starts_with("refused: STATUS_MODE_DISABLED"));
-    EXPECT_TRUE(Ctl("job begin 8 --guids 1").starts_with("refused: RESULT_MODE_DISABLED"));
+    EXPECT_TRUE(Ctl("update A --add 4").starts_with("refused: STATUS_MODE_DISABLED: the "));
+    EXPECT_TRUE(Ctl("job begin 8 --guids 1").starts_with("refused: RESULT_MODE_DISABLED: the "));
     WriteFile("conf", "log = " + Path("log") + "\nkept-events = 9\n");
     for (const int signal : {SIGHUP, SIGTERM}) daemon->Signal(signal);
     EXPECT_EQ(daemon->Wait(), 0);
@@ -372,6 +389,9 @@ TEST_F(EndToEndTest, OptionsThatCannotBeUsedAreNamed) {
         {tls + "DIR/none", "tls-ca DIR/none: cannot be read: No such file or directory.exit 1"},
         {tls + "DIR/empty", "tls-ca DIR/empty: the file is empty.exit 1"},
         {tls + "x --config DIR/nameless", "--full-access, --read-only: a name is empty.exit 2"},
+        {"--socket DIR/none/socket", "cannot listen on DIR/none/socket: No such file or directory.exit 1"},
+        {Replaced(Replaced(tls, "empty", "conf"), "127.0.0.1", "a..b") + "DIR/conf --config DIR/empty",
+         "cannot listen on a..b:1: .*exit 1"},
         {"--socket-group no-such", "socket-group no-such: there is no such group.exit 1"},
         {"--persistent-dir DIR/none/state", "persistent-dir DIR/none/state: cannot be made: No such .*exit 1"},
         {"--socket DIR/" + std::string(sizeof(sockaddr_un::sun_path) - Path("").size(), 's'),
@@ -391,7 +411,7 @@ TEST_F(EndToEndTest, PortsMakeReservationsFromTheirPkeys) {
     const auto daemon = Serve("--reservation-mode --reservation-auto-by-pkeys");
     EXPECT_EQ(Ctl("pkeys report 0x10 1 --pkeys 0x8001,0x7fff"),
               "changed: the HCA is in reservation reservation_0x7fff\n");
-    EXPECT_TRUE(Ctl("create A --pkey 1 --guids 1").starts_with("refused: ignored: "));
+    EXPECT_TRUE(Ctl("create A --pkey 1 --guids 1").starts_with("refused: ignored: the daemon "));
     EXPECT_EQ(Ctl("list --keys"), "reservation_0x7fff\n");
 }
 
@@ -461,7 +481,7 @@ for name in daemon operator viewer stranger; do make $name /CN=$name "$(signed_b
         return Replaced(" --tls-ca DIR/ca.pem --tls-cert DIR/NAME.pem --tls-key DIR/NAME.key ", "NAME", name);
     };
     WriteFile("conf", "full-access = operator\nread-only = viewer\n");
-    const auto daemon = Serve("--tcp " + address + files_of("daemon"));
+    auto daemon = Serve("--tcp " + address + files_of("daemon"));
     const auto run_as = [&](const std::string& name, const std::string& command) {
         return Run(RESERVATIONCTL " --address " + address + files_of(name) + command);
     };
@@ -478,8 +498,10 @@ for name in daemon operator viewer stranger; do make $name /CN=$name "$(signed_b
         EXPECT_TRUE(std::regex_match(output, std::regex("reservationctl: no TLS connection to .*\nexit 4\n")))
             << output;
     }
-    daemon->WaitFor("CreateReservation 'A': STATUS_SUCCESS\n");
-    daemon->WaitFor(": GetReservations: denied\n");
+    EXPECT_EQ(AuditOf(*daemon),
+              "CN 'operator' at ipv4:ADDRESS: CreateReservation 'A': STATUS_SUCCESS\n"
+              "CN 'viewer' at ipv4:ADDRESS: DeleteReservation: denied\n"
+              "CN 'stranger' at ipv4:ADDRESS: GetReservations: denied\n");
 
     const std::string service = "/reservation.v1.ReservationService/";
     const std::map<std::string, bool> may_be_called_by_readers = {
@@ -506,11 +528,15 @@ for name in daemon operator viewer stranger; do make $name /CN=$name "$(signed_b
             // Field 1 is 9: an event that is not there for Watch, so that its stream ends.
             const grpc::StatusCode code = CallRaw(channel, method, "\x08\x09").error_code();
             EXPECT_EQ(code == grpc::StatusCode::UNIMPLEMENTED, method.starts_with("/unknown") && name == "operator");
-            EXPECT_EQ(code == grpc::StatusCode::PERMISSION_DENIED,
-                      !(name == "operator" || (name == "viewer" && may_read)))
-                << name << " " << method;
+            const bool is_denied = !(name == "operator" || (name == "viewer" && may_read));
+            EXPECT_EQ(code == grpc::StatusCode::PERMISSION_DENIED, is_denied) << name << " " << method;
+            const std::string record = "CN '" + (name == "nameless" ? "" : name) + "'" +
+                                       Replaced(": " + method, ": " + service, " at ipv4:ADDRESS: ") + ": denied\n";
+            EXPECT_EQ(AuditOf(*daemon).ends_with(record), is_denied) << record;
         }
     }
+    daemon.reset();
+    daemon = Serve("--tcp " + address + files_of("daemon"));
 
     const std::string ca = Content(Path("ca.pem"));
     for (const auto& credentials : {grpc::InsecureChannelCredentials(), grpc::SslCredentials({ca, "", ""})}) {

@@ -21,6 +21,7 @@ TEST(RequestValidationTest, LargestValuesAreTakenAndTheFirstFaultIsNamed) {
     EXPECT_EQ(Fault<v1::CreateReservationRequest>("key: '" + longest + "' pkey: 0xffff limits { num_trees: 24575 }"),
               "");
     EXPECT_EQ(Fault<v1::CreateReservationRequest>("limits { num_trees: 0xffffffff limit0: 0xfffffffe }"), "");
+    EXPECT_EQ(Fault<v1::CreateReservationRequest>("limits { num_trees: 0 }"), "");
     EXPECT_EQ(Fault<v1::BeginJobRequest>("job_id: 1 planes: 255 trees: 255"), "");
     EXPECT_EQ(Fault<v1::ReportPortRequest>("guid: 1 port_num: 255 pkeys: [0, 0xffff]"), "");
     EXPECT_EQ(Fault<v1::ReportPortRequest>("guid: 0xffffffffffffffff"), "");

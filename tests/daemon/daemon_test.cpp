@@ -335,6 +335,8 @@ TEST_F(DaemonTest, AStoreThatIsNotAsItWasLeftIsNoticed) {
     for (const char* suffix : {"", "-wal"}) {
         fs::rename(store + suffix, PathOf("moved"));
         EXPECT_TRUE(daemon.IsRefused("key: 'B' guids: 99")) << suffix;
+        fs::copy_file(PathOf("moved"), store + suffix);
+        EXPECT_TRUE(daemon.IsRefused("key: 'B' guids: 99")) << suffix << " replaced";
         fs::rename(PathOf("moved"), store + suffix);
         EXPECT_FALSE(daemon.IsRefused("key: 'B' guids: 99")) << suffix;
     }

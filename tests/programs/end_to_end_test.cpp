@@ -184,6 +184,8 @@ next event: 2
               "STATUS_SUCCESS; EndJob 7: ended; DeleteReservation 'A': STATUS_SUCCESS; DeleteReservation 'A': "
               "STATUS_NOT_FOUND; ReportPort 0x10 1: nothing changed; Transact of 1: accepted; CreateReservation 'A': "
               "STATUS_SUCCESS\n");
+    const std::string check = RESERVATIOND " --config DIR/conf --persistent-dir DIR/state --check-store";
+    EXPECT_EQ(Run(check), "The store in DIR/state is good.\n");
     EXPECT_TRUE(Ctl("list").ends_with("\nexit 3\n"));
     daemon = Serve("--reservation-mode --no-load-persistent-reservations");
     EXPECT_EQ(Ctl("list --keys") + Ctl("watch --from 5 --count 1"), "next event: 5\n5  TIME  reservation A removed\n");

@@ -19,7 +19,7 @@
 namespace reservationd {
 namespace {
 
-constexpr size_t kMaxSpares = 64;
+constexpr size_t kMaxSpares = 1024;
 constexpr mode_t kFileMode = 0666;    // less the umask
 
 [[noreturn]] void Fail(const std::string& path, const char* what) {

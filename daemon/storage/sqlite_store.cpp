@@ -25,8 +25,8 @@ constexpr int kSchemaVersion = 4;
 constexpr uint64_t kProbeSize = 4096;    // bytes
 
 constexpr char kSchema[] = R"(
-    CREATE TABLE reservations (key TEXT PRIMARY KEY, packed TEXT NOT NULL, id INTEGER NOT NULL, checksum INTEGER NOT NULL)
-        WITHOUT ROWID;
+    CREATE TABLE reservations (row INTEGER PRIMARY KEY, key TEXT NOT NULL, packed TEXT NOT NULL, id INTEGER NOT NULL,
+        checksum INTEGER NOT NULL);
     CREATE TABLE jobs (job_id INTEGER PRIMARY KEY, job BLOB NOT NULL, checksum INTEGER NOT NULL);
     CREATE TABLE events (sequence INTEGER PRIMARY KEY, event BLOB NOT NULL, checksum INTEGER NOT NULL);
     CREATE TABLE damaged (kind TEXT, name, content BLOB, found TEXT DEFAULT CURRENT_TIMESTAMP);
@@ -57,8 +57,7 @@ SQLite::Database Open(const std::string& path, Durability durability) {
     // One process alone uses the database, and so needs no shared memory with others: a mapped file in a full file
     // system would kill the process instead of failing.
     database.exec("PRAGMA locking_mode = EXCLUSIVE");
-    // A commit writes every page that it touches whole, and touches few. Small pages make long records slower.
-    database.exec("PRAGMA page_size = 2048");
+    database.exec("PRAGMA page_size = 2048");    // a commit writes whole each page that it touches
     database.exec("PRAGMA journal_mode = WAL");
     database.exec("PRAGMA wal_autocheckpoint = 4000");    // pages
     database.exec(durability == Durability::kMachine ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
@@ -108,16 +107,15 @@ uint64_t Checksum(uint64_t number, const std::string& content) {
     return HashBytes(content) ^ HashBytes(std::to_string(number));
 }
 
-// Calls `handle` with key, reservation, and whether the row is undamaged.
+// Calls `handle` with the number of the row, key, reservation, and whether the row is undamaged.
 template <typename Handle>
 void ForEachReservation(SQLite::Database& database, Handle handle) {
-    ForEachRow(database, "SELECT key, packed, id, checksum FROM reservations ORDER BY key",
-               [&](SQLite::Statement& row) {
-                   std::string key = ColumnBytes(row, 0);
-                   StoredReservation reservation{ColumnBytes(row, 1), ColumnUint64(row, 2)};
-                   const bool is_good = Checksum(key, reservation) == ColumnUint64(row, 3);
-                   handle(std::move(key), std::move(reservation), is_good);
-               });
+    ForEachRow(database, "SELECT row, key, packed, id, checksum FROM reservations", [&](SQLite::Statement& row) {
+        std::string key = ColumnBytes(row, 1);
+        StoredReservation reservation{ColumnBytes(row, 2), ColumnUint64(row, 3)};
+        const bool is_good = Checksum(key, reservation) == ColumnUint64(row, 4);
+        handle(ColumnUint64(row, 0), std::move(key), std::move(reservation), is_good);
+    });
 }
 
 // Calls `handle` with number, content, and whether the row is undamaged. The query gives these two and the checksum.
@@ -152,8 +150,8 @@ SqliteStore::SqliteStore(const std::string& path, Durability durability, uint64_
       identity_(BeginGeneration(database_, !loss_.empty())),
       files_(FindFiles()),
       revision_(ReadRevision(database_)),
-      put_reservation_(database_, "REPLACE INTO reservations VALUES (?, ?, ?, ?)"),
-      delete_reservation_(database_, "DELETE FROM reservations WHERE key = ?"),
+      put_reservation_(database_, "REPLACE INTO reservations VALUES (?, ?, ?, ?, ?)"),
+      delete_reservation_(database_, "DELETE FROM reservations WHERE row = ?"),
       put_job_(database_, "REPLACE INTO jobs VALUES (?, ?, ?)"),
       delete_job_(database_, "DELETE FROM jobs WHERE job_id = ?"),
       put_event_(database_, "INSERT INTO events VALUES (?, ?, ?)"),
@@ -169,8 +167,11 @@ SqliteStore::SqliteStore(const std::string& path, Durability durability, uint64_
 DamagedRows SqliteStore::SetDamagedAside() {
     DamagedRows damaged;
     InTransaction(0, [&] {
-        ForEachReservation(database_, [&](std::string&& key, StoredReservation&&, bool is_good) {
-            if (!is_good) damaged.reservation_keys.push_back(std::move(key));
+        std::vector<uint64_t> reservation_rows;
+        ForEachReservation(database_, [&](uint64_t row, std::string&& key, StoredReservation&&, bool is_good) {
+            if (is_good) return;
+            reservation_rows.push_back(row);
+            damaged.reservation_keys.push_back(std::move(key));
         });
         ForEachNumbered(database_, kSelectJobs, [&](uint64_t job_id, std::string&&, bool is_good) {
             if (!is_good) damaged.job_ids.push_back(job_id);
@@ -178,28 +179,31 @@ DamagedRows SqliteStore::SetDamagedAside() {
         ForEachNumbered(database_, kSelectEvents, [&](uint64_t sequence, std::string&&, bool is_good) {
             if (!is_good) damaged.event_sequences.push_back(sequence);
         });
-        const auto set_aside = [this](const std::string& table, const std::string& name, const std::string& content,
-                                      const auto& damaged_names) {
-            const std::string which = " FROM " + table + " WHERE " + name + " = ?";
-            SQLite::Statement copy(database_, "INSERT INTO damaged (kind, name, content) SELECT '" + table + "', " +
-                                                  name + ", " + content + which);
+        const auto set_aside = [this](const std::string& table, const std::string& number, const std::string& columns,
+                                      const std::vector<uint64_t>& damaged_numbers) {
+            const std::string which = " FROM " + table + " WHERE " + number + " = ?";
+            SQLite::Statement copy(
+                database_, "INSERT INTO damaged (kind, name, content) SELECT '" + table + "', " + columns + which);
             SQLite::Statement remove(database_, "DELETE" + which);
-            for (const auto& damaged_name : damaged_names) {
-                Run(copy, damaged_name);
-                Run(remove, damaged_name);
+            for (const uint64_t damaged_number : damaged_numbers) {
+                Run(copy, damaged_number);
+                Run(remove, damaged_number);
             }
         };
-        set_aside("reservations", "key", "packed", damaged.reservation_keys);
-        set_aside("jobs", "job_id", "job", damaged.job_ids);
-        set_aside("events", "sequence", "event", damaged.event_sequences);
+        set_aside("reservations", "row", "key, packed", reservation_rows);
+        set_aside("jobs", "job_id", "job_id, job", damaged.job_ids);
+        set_aside("events", "sequence", "sequence, event", damaged.event_sequences);
     });
     return damaged;
 }
 
 StoreContents SqliteStore::Read() try {
     StoreContents contents;
-    ForEachReservation(database_, [&](std::string&& key, StoredReservation&& reservation, bool) {
-        contents.reservations.emplace_hint(contents.reservations.end(), std::move(key), std::move(reservation));
+    rows_.clear();
+    ForEachReservation(database_, [&](uint64_t row, std::string&& key, StoredReservation&& reservation, bool) {
+        rows_[key] = row;
+        last_row_ = std::max(last_row_, row);
+        contents.reservations.emplace(std::move(key), std::move(reservation));
     });
     ForEachNumbered(database_, kSelectJobs, [&](uint64_t job_id, std::string&& job, bool) {
         contents.jobs.emplace_hint(contents.jobs.end(), job_id, std::move(job));
@@ -213,12 +217,15 @@ StoreContents SqliteStore::Read() try {
 }
 
 void SqliteStore::Commit(const StoreChanges& changes) {
+    uint64_t last_row = last_row_;
     InTransaction(changes.events.size(), [&] {
         for (const auto& [key, reservation] : changes.reservations) {
+            const auto row = rows_.find(key);
             if (reservation) {
-                Run(put_reservation_, key, reservation->packed, reservation->id, Checksum(key, *reservation));
-            } else {
-                Run(delete_reservation_, key);
+                Run(put_reservation_, row != rows_.end() ? row->second : ++last_row, key, reservation->packed,
+                    reservation->id, Checksum(key, *reservation));
+            } else if (row != rows_.end()) {
+                Run(delete_reservation_, row->second);
             }
         }
         for (const auto& [job_id, job] : changes.jobs) {
@@ -233,6 +240,13 @@ void SqliteStore::Commit(const StoreChanges& changes) {
         }
         if (CompletesBlock(changes.events)) Run(trim_events_, kept_events_);
     });
+    for (const auto& [key, reservation] : changes.reservations) {
+        if (!reservation) {
+            rows_.erase(key);
+        } else if (rows_.try_emplace(key, last_row_ + 1).second) {
+            ++last_row_;
+        }
+    }
 }
 
 void SqliteStore::Probe() {
@@ -272,7 +286,7 @@ StoreReport CheckSqliteStore(const std::string& path) try {
     ForEachRow(database, "PRAGMA integrity_check", [&](SQLite::Statement& row) {
         if (ColumnBytes(row, 0) != "ok") report.faults.push_back(ColumnBytes(row, 0));
     });
-    ForEachReservation(database, [&](const std::string& key, const StoredReservation&, bool is_good) {
+    ForEachReservation(database, [&](uint64_t, const std::string& key, const StoredReservation&, bool is_good) {
         if (!is_good) report.faults.push_back("reservation " + key + " is damaged");
     });
     const auto check_numbered = [&](const char* query, const char* kind) {

@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -52,6 +53,8 @@ private:
     const StoreIdentity identity_;
     const std::array<FileId, 2> files_;    // the database and its log
     uint64_t revision_;    // as committed
+    std::unordered_map<std::string, uint64_t> rows_;    // of the keys, as Read found them and Commit left them
+    uint64_t last_row_ = 0;    // number of the newest one
     SQLite::Statement put_reservation_, delete_reservation_, put_job_, delete_job_, put_event_, trim_events_,
         put_probe_, put_revision_;
 };

@@ -85,6 +85,8 @@ public:
     virtual StoreContents Read() = 0;
 
     // Throws StoreError, with nothing changed, when the store cannot be written, or is not in its place any more.
+    //
+    // REQUIRES: the store has been read, and read again after a commit that threw.
     virtual void Commit(const StoreChanges& changes) = 0;
 
     // Tests that a commit would succeed, by committing 4 KiB of no meaning. Throws StoreError when it would not.

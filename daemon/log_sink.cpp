@@ -50,7 +50,6 @@ struct Log {
         sinks->add_sink(MakeSink("stderr"));
         logger->flush_on(ToSpdlog(kLogWarning));
         spdlog::register_logger(logger);
-        spdlog::flush_every(std::chrono::seconds(1));
     }
 };
 
@@ -70,6 +69,7 @@ void OpenLog(const std::string& target, int level) try {
     Log& log = TheLog();
     log.sinks->set_sinks({MakeSink(target)});
     log.logger->set_level(ToSpdlog(level));
+    spdlog::flush_every(std::chrono::seconds(1));
 } catch (const spdlog::spdlog_ex& error) {
     throw std::runtime_error("log file " + target + ": " + error.what());
 }

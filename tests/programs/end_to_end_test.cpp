@@ -268,6 +268,35 @@ TEST_F(EndToEndTest, AClientThatHangsDelaysNobody) {
     EXPECT_NE(watcher.Output().find("\n2000  "), std::string::npos);
 }
 
+TEST_F(EndToEndTest, ConnectionsBeyondTheDescriptorsAreClosedUntilOthersEnd) {
+    rlimit old_limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old_limit), 0);
+    const rlimit low_limit{160, old_limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low_limit), 0);
+    const auto daemon = Launch("");
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old_limit), 0);
+    daemon->WaitFor(" serves ");
+    // The daemon speaks first on a connection that it keeps.
+    const sockaddr_un address = AddressOf("socket");
+    const auto is_kept = [&](int connection) {
+        EXPECT_EQ(connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+        char byte = 0;
+        return recv(connection, &byte, 1, 0) == 1;
+    };
+    std::vector<int> connections(200);
+    for (int& connection : connections) connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const auto num_kept = std::count_if(connections.begin(), connections.end(), is_kept);
+    EXPECT_GT(num_kept, 50);
+    EXPECT_LT(num_kept, 160);
+    for (const int connection : connections) close(connection);
+    for (bool is_served = false; !is_served;) {
+        const int connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        is_served = is_kept(connection);
+        close(connection);
+    }
+    EXPECT_EQ(Ctl("list --keys"), "");
+}
+
 TEST_F(EndToEndTest, TheSocketIsOpenToAGroup) {
     const gid_t id = geteuid() == 0 ? 1 : getegid();    // root can take one that files do not get anyway
     const auto daemon = Serve(std::string("--socket-group ") + getgrgid(id)->gr_name);

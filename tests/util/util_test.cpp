@@ -1,11 +1,13 @@
-// Text from outside, keys, and whole files.
+// Text from outside, keys, host expressions, and whole files.
 
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "tests/files.h"
 #include "util/file.h"
+#include "util/host_expression.h"
 #include "util/limits.h"
 #include "util/text.h"
 
@@ -51,6 +53,56 @@ TEST(TextTest, MessagesHoldTheStartOfAText) {
     EXPECT_EQ(TruncateForMessage(most + "\xc3\xb6"), most + "...");
     EXPECT_EQ(TruncateForMessage(most.substr(3) + "\xf0\x9f\x98\x80z"), most.substr(3) + "😀...");
     EXPECT_EQ(TruncateForMessage(std::string(41, '\x80')).size(), 37 * 4 + 3U);
+}
+
+// What an expression names and how that is folded, or its fault.
+std::string Expanded(const std::string& expression) {
+    const absl::StatusOr<std::vector<std::string>> hosts = ExpandHosts(expression);
+    if (!hosts.ok()) return std::string(hosts.status().message());
+    std::string text;
+    for (const std::string& host : *hosts) text += host + " ";
+    return text + "= " + FoldHosts(*hosts);
+}
+
+TEST(HostExpressionTest, NamesHostsOrTheCharacterAtFault) {
+    const std::string longest(255, 'n');
+    const std::string in_bracket = "a bracket holds numbers, ranges such as 1-8, and commas";
+    const std::string too_many = "this names more than 250000 hosts";
+    const struct {
+        std::string expression, meaning;
+    } cases[] = {
+        {"login1", "login1 = login1"},
+        {"n[08-10,9,9],a-b.c_d", "n08 n09 n10 n9 n9 a-b.c_d = a-b.c_d,n[9,08-10]"},
+        {"n[98-101,099-100]", "n98 n99 n100 n101 n099 n100 = n[98-99,099-101]"},
+        {"r[1-2]n[01-02]b,r3n03b", "r1n01b r1n02b r2n01b r2n02b r3n03b = r3n03b,r[1-2]n[01-02]b"},
+        {"n[1,2[0-1],[3]],[4-5]", "n1 n20 n21 n3 4 5 = [4-5],n[1,3,20-21]"},
+        {"n[0-1][00]", "n000 n100 = n[000,100]"},
+        {"n1234567890123456789", "n1234567890123456789 = n1234567890123456789"},
+        {longest, longest + " = " + longest},
+        {"n[000000000000000008-9]", "at character 3: the bounds have leading zeros and not the same number of digits"},
+        {"", "at character 1: a host name is missing here"},
+        {"a,,b", "at character 3: a host name is missing here"},
+        {"a b", "at character 2: this cannot be in a host name"},
+        {"n1]", "at character 3: this cannot be in a host name"},
+        {"a,-b", "at character 3: a host name begins with a letter or a digit"},
+        {longest + "n", "at character 1: the name is longer than 255 bytes"},
+        {"n[1-3,", "at character 7: a number is missing here"},
+        {"a,n[1[2]", "at character 4: the bracket is not closed"},
+        {"n[]", "at character 3: a number is missing here"},
+        {"n[1-]", "at character 5: a number is missing here"},
+        {"n[1-2-3]", "at character 6: " + in_bracket},
+        {"n[1-3/2]", "at character 6: " + in_bracket},
+        {"n[[1]-3]", "at character 6: " + in_bracket},
+        {"n[7,3-1]", "at character 5: the range ends before it begins"},
+        {"n[01-100]", "at character 3: the bounds have leading zeros and not the same number of digits"},
+        {"n[1-1234567890123456789]", "at character 3: a number has more than 18 digits"},
+        {"n[[[[[1]]]]]", "at character 6: brackets are more than 4 deep"},
+        {"n[1-250001]", "at character 3: " + too_many},
+        {"a,n[0-499][0-500]", "at character 3: " + too_many},
+        {"a,n[1-250000]", "at character 1: " + too_many}};
+    for (const auto& [expression, meaning] : cases) EXPECT_EQ(Expanded(expression), meaning) << expression;
+    EXPECT_EQ(FoldHosts({}), "");
+    EXPECT_EQ(FoldHosts(*ExpandHosts("n[0-249999]")), "n[0-249999]");
 }
 
 TEST(FileTest, HoldsAllOrSaysWhyNot) {

@@ -96,6 +96,7 @@ private:
     static constexpr auto MethodFor(const v1::BeginJobRequest&) { return &Stub::BeginJob; }
     static constexpr auto MethodFor(const v1::EndJobRequest&) { return &Stub::EndJob; }
     static constexpr auto MethodFor(const v1::ListJobsRequest&) { return &Stub::ListJobs; }
+    static constexpr auto MethodFor(const v1::ListNodesRequest&) { return &Stub::ListNodes; }
     static constexpr auto MethodFor(const v1::TransactRequest&) { return &Stub::Transact; }
     static constexpr auto MethodFor(const v1::ReportPortRequest&) { return &Stub::ReportPort; }
     static constexpr auto MethodFor(const v1::GetDaemonInfoRequest&) { return &Stub::GetDaemonInfo; }

@@ -45,6 +45,9 @@ void AddChangeableOptions(CLI::App& app, Settings& settings) {
     app.add_flag("--reservation-allow-ending-jobs", options.reservation_allow_ending_jobs,
                  "a change that takes HCAs from running jobs ends those jobs instead of being refused")
         ->group(kChangeable);
+    app.add_option("--nodes", settings.engine.nodes_path,
+                   "file that tells which node has which HCAs, so that requests can name nodes; empty: none")
+        ->group(kChangeable);
     app.add_option("--log", settings.log, "where the log goes: stderr, syslog, or a file")->group(kChangeable);
     app.add_option("--log-level", settings.engine.log_level, "most verbose level of the log, 1 to 5")
         ->check(CLI::Range(1, 5))

@@ -6,13 +6,15 @@
 #include <charconv>
 #include <system_error>
 
+#include "util/text.h"
+
 namespace util {
 namespace {
 
 constexpr std::string_view kSeparators = ", \t\r\n\v\f";
 
 absl::Status Fault(std::string_view item, const std::string& fault) {
-    return absl::InvalidArgumentError(fmt::format("'{}' {}", item, fault));
+    return absl::InvalidArgumentError(fmt::format("'{}' {}", TruncateForMessage(item), fault));
 }
 
 // All of the digits, in this base.

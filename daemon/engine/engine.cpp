@@ -1,6 +1,7 @@
 #include "daemon/engine/engine.h"
 
 #include <absl/strings/str_cat.h>
+#include <absl/strings/str_split.h>
 #include <absl/time/time.h>
 
 #include <algorithm>
@@ -68,12 +69,23 @@ void CarryOut(Trial& trial, const v1::StateVersion& version) {
     RunAndAnswer([&] { trial.run(*trial.copy.MakeState(), version); }, trial.done);
 }
 
+// Throws std::runtime_error, whose message has a line for each fault.
+std::shared_ptr<const NodeTable> ReadNodes(const std::string& path) {
+    if (path.empty()) return std::make_shared<NodeTable>();
+    auto table = NodeTable::Read(path);
+    if (!table.ok()) throw std::runtime_error(std::string(table.status().message()));
+    WriteLog(kLogInfo,
+             absl::StrCat(path, " names ", (*table)->nodes().size(), " nodes with ", (*table)->num_guids(), " HCAs"));
+    return *std::move(table);
+}
+
 }    // namespace
 
 // ---- Start ----
 
 Engine::Engine(const EngineSettings& settings)
     : settings_(settings),
+      nodes_(ReadNodes(settings.nodes_path)),
       dir_(MakeDirectory(settings.options.persistent_dir)),
       lock_(dir_),
       store_(std::make_unique<SqliteStore>(dir_ + kStoreName, settings.durability, settings.kept_events)),
@@ -243,8 +255,24 @@ void Engine::Try(Trial trial) {
 }
 
 void Engine::Reconfigure(const EngineSettings& settings) {
+    ReadNodesAgain(settings.nodes_path);
     const util::MutexLock lock(&mutex_);
     new_settings_ = settings;
+}
+
+void Engine::ReadNodesAgain(const std::string& path) try {
+    std::shared_ptr<const NodeTable> nodes = ReadNodes(path);
+    const util::MutexLock lock(&nodes_mutex_);
+    nodes_.swap(nodes);
+} catch (const std::runtime_error& error) {
+    for (const absl::string_view line : absl::StrSplit(error.what(), '\n')) {
+        WriteLog(kLogError, absl::StrCat("The table of nodes stays as it is: ", line));
+    }
+}
+
+std::shared_ptr<const NodeTable> Engine::nodes() const {
+    const util::MutexLock lock(&nodes_mutex_);
+    return nodes_;
 }
 
 void Engine::NotifyOfWritability(std::function<void(bool is_writable)> listener) {
@@ -457,6 +485,8 @@ std::string Engine::ProbeStore() {
 void Engine::Describe(v1::DaemonInfo* info) const {
     state_->Describe(info);
     info->set_persistent_dir(dir_);
+    info->set_nodes(nodes()->nodes().size());
+    info->set_node_hcas(nodes()->num_guids());
     info->set_durability(store_->durability() == Durability::kMachine ? "machine" : "process");
     info->set_last_sequence(events_.newest());
     info->set_oldest_sequence(events_.oldest());

@@ -16,6 +16,7 @@
 
 #include "daemon/engine/event_log.h"
 #include "daemon/engine/recovery.h"
+#include "daemon/nodes/node_table.h"
 #include "daemon/state/reservation_state.h"
 #include "daemon/state/scratch_copy.h"
 #include "daemon/storage/directory_lock.h"
@@ -34,6 +35,7 @@ namespace v1 = reservation::v1;
 
 struct EngineSettings {
     OptionInfo options;    // persistent_dir is made where it is missing; its parent is not
+    std::string nodes_path;    // file of the table of nodes; empty: none
     Durability durability = Durability::kProcess;
     uint64_t kept_events = 10'000;
     int log_level = 3;
@@ -85,10 +87,10 @@ public:
     // copied bit by bit between the calls, and then tried by another thread.
     void Try(Trial trial);
 
-    // Lets the options and the log level hold for all later calls, as after a restart; while a large dry run is tried,
-    // for those after it. What only a restart can change
-    // stays: the directory, what is done with the files found there, the automatic mode, the durability, and how many
-    // events are kept.
+    // Reads the table of nodes again; where its file has faults, the log names them and the old table stays. Also lets
+    // the options and the log level hold for all later calls, as after a restart; while a large dry run is tried, for
+    // those after it. What only a restart can change stays: the directory, what is done with the files found there, the
+    // automatic mode, the durability, and how many events are kept.
     void Reconfigure(const EngineSettings& settings);
 
     // Tells the listener, at once and at every change, whether the store can be written; changes are refused while it
@@ -101,6 +103,9 @@ public:
     // For calls while they run.
     void Describe(v1::DaemonInfo* info) const;
     v1::StateVersion Version() const;    // of the state as the call sees it
+
+    // The table of nodes in force, which has none where the settings name no file. For any thread.
+    std::shared_ptr<const NodeTable> nodes() const;
 
     // What has been committed, and what names its numbering. For any thread.
     EventLog& events() { return events_; }
@@ -122,6 +127,8 @@ private:
     std::unique_ptr<ReservationState> MakeState(const StoreContents& contents);
     void RestoreState();
 
+    void ReadNodesAgain(const std::string& path);
+
     void Run();
     bool WaitForWork(std::vector<Call>& batch);
     bool HasWork() const ABSL_SHARED_LOCKS_REQUIRED(mutex_);
@@ -138,6 +145,8 @@ private:
     void RollBack(const std::string& reason);
 
     EngineSettings settings_;
+    mutable util::Mutex nodes_mutex_;
+    std::shared_ptr<const NodeTable> nodes_ ABSL_GUARDED_BY(nodes_mutex_);
     const std::string dir_;
     DirectoryLock lock_;
     const std::unique_ptr<Store> store_;

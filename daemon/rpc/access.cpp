@@ -27,6 +27,7 @@ constexpr Rule kRules[] = {
     {"/reservation.v1.ReservationService/BeginJob", Permission::kChange},
     {"/reservation.v1.ReservationService/EndJob", Permission::kChange},
     {"/reservation.v1.ReservationService/ListJobs", Permission::kRead},
+    {"/reservation.v1.ReservationService/ListNodes", Permission::kRead},
     {"/reservation.v1.ReservationService/ReportPort", Permission::kChange},
     {"/reservation.v1.ReservationService/Transact", Permission::kChange},
     {"/reservation.v1.ReservationService/Session", Permission::kChange},

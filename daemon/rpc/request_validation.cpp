@@ -34,6 +34,14 @@ absl::Status ValidateNumber(const char* field, uint64_t value, uint64_t min, uin
                                                    value < min ? min : max, " is possible"));
 }
 
+// Of a listing whose pages are known by numbers.
+absl::Status ValidatePageNumber(const std::string& page_token) {
+    uint64_t number = 0;
+    if (page_token.empty() || absl::SimpleAtoi(page_token, &number)) return absl::OkStatus();
+    return absl::InvalidArgumentError(
+        absl::StrCat("page_token '", util::TruncateForMessage(page_token), "' comes from no reply"));
+}
+
 // A larger number of trees would be read as the largest one, "no limit".
 absl::Status ValidateLimits(const v1::Limits& limits) {
     if (!limits.has_num_trees() || limits.num_trees() == util::kLimitNotGiven) return absl::OkStatus();
@@ -106,13 +114,10 @@ absl::Status ValidateRequest(const v1::EndJobRequest& request) {
 }
 
 absl::Status ValidateRequest(const v1::ListJobsRequest& request) {
-    uint64_t last_listed = 0;
-    if (!request.page_token().empty() && !absl::SimpleAtoi(request.page_token(), &last_listed)) {
-        return absl::InvalidArgumentError(
-            absl::StrCat("page_token '", util::TruncateForMessage(request.page_token()), "' comes from no reply"));
-    }
-    return ValidateKeyField(request.reservation_key());
+    return FirstError(ValidatePageNumber(request.page_token()), ValidateKeyField(request.reservation_key()));
 }
+
+absl::Status ValidateRequest(const v1::ListNodesRequest& request) { return ValidatePageNumber(request.page_token()); }
 
 absl::Status ValidateRequest(const v1::ReportPortRequest& request) {
     absl::Status status = FirstError(ValidateNumber("guid", request.guid(), 1, kMaxUint64),

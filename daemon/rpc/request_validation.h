@@ -25,6 +25,7 @@ absl::Status ValidateRequest(const v1::GetReservationsRequest& request);
 absl::Status ValidateRequest(const v1::BeginJobRequest& request);
 absl::Status ValidateRequest(const v1::EndJobRequest& request);
 absl::Status ValidateRequest(const v1::ListJobsRequest& request);
+absl::Status ValidateRequest(const v1::ListNodesRequest& request);
 absl::Status ValidateRequest(const v1::ReportPortRequest& request);
 absl::Status ValidateRequest(const v1::GetDaemonInfoRequest& request);
 absl::Status ValidateRequest(const v1::Operation& operation);

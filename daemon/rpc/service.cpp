@@ -6,10 +6,13 @@
 #include <memory>
 #include <utility>
 
+#include "daemon/rpc/dry_run.h"
 #include "daemon/rpc/grpc_status.h"
+#include "daemon/rpc/node_names.h"
 #include "daemon/rpc/request_validation.h"
 #include "daemon/rpc/watcher.h"
-#include "daemon/state/scratch_copy.h"
+#include "daemon/state/free_nodes.h"
+#include "daemon/state/node_listing.h"
 #include "daemon/state/transaction.h"
 
 namespace reservationd {
@@ -28,15 +31,20 @@ bool IsDryRun(const Request& request) {
 template <typename Request, typename Reply>
 class UnaryCall : public grpc::ServerUnaryReactor {
 public:
-    // `packer`: packs the large replies. `reply_bytes`: what gRPC sends, of a call that ends well.
-    UnaryCall(grpc::CallbackServerContext& context, UnreadReplies& unread, util::WorkerThread& packer,
-              grpc::ByteBuffer* reply_bytes)
-        : context_(context), unread_(unread), packer_(packer), reply_bytes_(reply_bytes) {}
+    // `node_table`: names the nodes. `packer`: packs the large replies. `reply_bytes`: what gRPC sends, of a call that
+    // ends well.
+    UnaryCall(grpc::CallbackServerContext& context, std::shared_ptr<const NodeTable> node_table, UnreadReplies& unread,
+              util::WorkerThread& packer, grpc::ByteBuffer* reply_bytes)
+        : nodes(std::move(node_table)),
+          context_(context),
+          unread_(unread),
+          packer_(packer),
+          reply_bytes_(reply_bytes) {}
 
     void Answer(const absl::Status& status) {
         is_large_ = status.ok() && reply.ByteSizeLong() >= kLargeReply;
         if (is_large_) return packer_.Submit([this] { AnswerLarge(); });
-        if (status.ok()) Pack(reply, reply_bytes_);
+        if (status.ok()) PackReply();
         Finish(ToGrpc(status));
     }
 
@@ -45,13 +53,19 @@ public:
         delete this;
     }
 
+    const std::shared_ptr<const NodeTable> nodes;
     Request request;
     Reply reply;
     absl::Status outcome;
 
 private:
-    void AnswerLarge() {
+    void PackReply() {
+        NameNodes(*nodes, request, &reply);
         Pack(reply, reply_bytes_);
+    }
+
+    void AnswerLarge() {
+        PackReply();
         unread_.Add(context_, reply_bytes_->Length());
         Reply().Swap(&reply);    // as it may take long to be sent
         Finish(grpc::Status::OK);
@@ -116,13 +130,14 @@ template <typename Request, typename Reply>
 grpc::ServerUnaryReactor* Service::Submit(grpc::CallbackServerContext* context, const char* method,
                                           const grpc::ByteBuffer& request, grpc::ByteBuffer* reply,
                                           Operation<Request, Reply> run) {
-    auto* const call = new UnaryCall<Request, Reply>(*context, unread_replies_, packer_, reply);
+    auto* const call = new UnaryCall<Request, Reply>(*context, engine_.nodes(), unread_replies_, packer_, reply);
     const absl::Status parsed = ParseMessage(request, &call->request);
     const Permission permission =
         IsDryRun(call->request) ? Permission::kRead : PermissionFor(absl::StrCat(kServicePrefix, method));
     absl::Status status = CheckAccess(*context, method, permission);
     status.Update(parsed);
     if (status.ok()) status = ValidateRequest(call->request);
+    if (status.ok()) status = ResolveNodes(*call->nodes, &call->request);
     if (!status.ok()) {
         call->Answer(status);
         return call;
@@ -137,12 +152,15 @@ grpc::ServerUnaryReactor* Service::Submit(grpc::CallbackServerContext* context, 
     };
     if constexpr (requires { call->request.dry_run(); }) {
         if (call->request.dry_run()) {
-            engine_.Try({ScratchCopy(NamedBy(call->request)), run_for, done});
+            Try(engine_, call->nodes, &call->request, run_for, done);
             return call;
         }
     }
     const bool changes_something = permission == Permission::kChange;
-    const auto run_now = [this, run_for](ReservationState& state) { run_for(state, engine_.Version()); };
+    const auto run_now = [this, call, run_for](ReservationState& state) {
+        PickFreeNodes(state, *call->nodes, &call->request);
+        run_for(state, engine_.Version());
+    };
     engine_.Submit({changes_something, run_now, done});
     return call;
 }
@@ -199,6 +217,18 @@ grpc::ServerUnaryReactor* Service::EndJob(grpc::CallbackServerContext* context, 
 grpc::ServerUnaryReactor* Service::ListJobs(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,
                                             grpc::ByteBuffer* reply) {
     return Serve(context, "ListJobs", *request, reply, &ReservationState::ListJobs);
+}
+
+grpc::ServerUnaryReactor* Service::ListNodes(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,
+                                             grpc::ByteBuffer* reply) {
+    return Submit<v1::ListNodesRequest, v1::ListNodesReply>(
+        context, "ListNodes", *request, reply,
+        [nodes = engine_.nodes()](ReservationState& state, const v1::StateVersion& version,
+                                  const v1::ListNodesRequest& parsed, v1::ListNodesReply* answer) {
+            reservationd::ListNodes(state, *nodes, parsed, answer);
+            *answer->mutable_version() = version;
+            return absl::OkStatus();
+        });
 }
 
 grpc::ServerUnaryReactor* Service::ReportPort(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,

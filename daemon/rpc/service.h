@@ -26,13 +26,15 @@ namespace v1 = reservation::v1;
 using RawService = v1::ReservationService::WithRawCallbackMethod_GetDaemonInfo<
     v1::ReservationService::WithRawCallbackMethod_Watch<v1::ReservationService::WithRawCallbackMethod_Session<
         v1::ReservationService::WithRawCallbackMethod_Transact<v1::ReservationService::WithRawCallbackMethod_ReportPort<
-            v1::ReservationService::WithRawCallbackMethod_ListJobs<v1::ReservationService::WithRawCallbackMethod_EndJob<
-                v1::ReservationService::WithRawCallbackMethod_BeginJob<
-                    v1::ReservationService::WithRawCallbackMethod_GetReservations<
-                        v1::ReservationService::WithRawCallbackMethod_DeleteReservation<
-                            v1::ReservationService::WithRawCallbackMethod_UpdateReservation<
-                                v1::ReservationService::WithRawCallbackMethod_CreateReservation<
-                                    v1::ReservationService::Service>>>>>>>>>>>>;
+            v1::ReservationService::WithRawCallbackMethod_ListNodes<
+                v1::ReservationService::WithRawCallbackMethod_ListJobs<
+                    v1::ReservationService::WithRawCallbackMethod_EndJob<
+                        v1::ReservationService::WithRawCallbackMethod_BeginJob<
+                            v1::ReservationService::WithRawCallbackMethod_GetReservations<
+                                v1::ReservationService::WithRawCallbackMethod_DeleteReservation<
+                                    v1::ReservationService::WithRawCallbackMethod_UpdateReservation<
+                                        v1::ReservationService::WithRawCallbackMethod_CreateReservation<
+                                            v1::ReservationService::Service>>>>>>>>>>>>>;
 
 class Service final : public RawService {
 public:
@@ -53,6 +55,8 @@ public:
                                      grpc::ByteBuffer* reply) override;
     grpc::ServerUnaryReactor* ListJobs(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,
                                        grpc::ByteBuffer* reply) override;
+    grpc::ServerUnaryReactor* ListNodes(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,
+                                        grpc::ByteBuffer* reply) override;
     grpc::ServerUnaryReactor* ReportPort(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,
                                          grpc::ByteBuffer* reply) override;
     grpc::ServerUnaryReactor* Transact(grpc::CallbackServerContext* context, const grpc::ByteBuffer* request,

@@ -4,9 +4,11 @@
 #include <string>
 #include <utility>
 
+#include "daemon/rpc/dry_run.h"
 #include "daemon/rpc/grpc_status.h"
+#include "daemon/rpc/node_names.h"
 #include "daemon/rpc/request_validation.h"
-#include "daemon/state/scratch_copy.h"
+#include "daemon/state/free_nodes.h"
 #include "daemon/state/transaction.h"
 
 namespace reservationd {
@@ -56,20 +58,29 @@ Session::Exchange& Session::Enter() {
 void Session::Submit() {
     Exchange& exchange = Enter();
     const absl::Status parsed = ParseMessage(incoming_, &exchange.request);
-    const v1::Operation& operation = exchange.request.operation();
-    const absl::Status status = Check(parsed, operation);
+    v1::Operation& operation = *exchange.request.mutable_operation();
+    const std::shared_ptr<const NodeTable> nodes = engine_.nodes();
+    absl::Status status = Check(parsed, operation);
+    if (status.ok()) status = ResolveNodes(*nodes, &operation);
     if (!status.ok()) return Answer(exchange, status);
-    const auto run = [&exchange](ReservationState& state) {
-        RunOperation(state, exchange.request.operation(), exchange.reply.mutable_reply());
+    const auto run = [&exchange, &operation](ReservationState& state) {
+        RunOperation(state, operation, exchange.reply.mutable_reply());
     };
-    const auto done = [self = shared_from_this(), &exchange](Refusal refusal, const std::string& reason) {
+    const auto done = [self = shared_from_this(), &exchange, nodes](Refusal refusal, const std::string& reason) {
         const absl::Status outcome = ToStatus(refusal, reason);
         self->RecordChange(exchange, outcome);
+        NameNodes(*nodes, exchange.request.operation(), exchange.reply.mutable_reply());
         self->Answer(exchange, outcome);
     };
-    if (!IsDryRun(operation)) return engine_.Submit({true, run, done});
-    const auto try_it = [run](ReservationState& scratch, const v1::StateVersion&) { run(scratch); };
-    engine_.Try({ScratchCopy(NamedBy(operation)), try_it, done});
+    if (IsDryRun(operation)) {
+        const auto try_it = [run](ReservationState& scratch, const v1::StateVersion&) { run(scratch); };
+        return Try(engine_, nodes, &operation, try_it, done);
+    }
+    const auto pick_and_run = [run, nodes, &operation](ReservationState& state) {
+        PickFreeNodes(state, *nodes, &operation);
+        run(state);
+    };
+    engine_.Submit({true, pick_and_run, done});
 }
 
 // The access lists may have changed since the session began.

@@ -63,6 +63,19 @@ v1::Conflict FindUsedGuid(const ReservationInfo& reservation, const WantedChange
     return conflict;
 }
 
+// The first GUID to remove that the reservation, if there is one, does not have.
+v1::Conflict FindMissingGuid(const ReservationManager& manager, const WantedChange& change) {
+    v1::Conflict conflict;
+    const auto reservation = manager.reservations.find(change.key);
+    if (reservation == manager.reservations.end()) return conflict;
+    const vesk_reservation_info& info = reservation->second->info;
+    const auto missing = std::find_if(change.removed_guids.begin(), change.removed_guids.end(), [&](uint64_t guid) {
+        return !std::binary_search(info.guids, info.guids + info.num_guids, guid);
+    });
+    if (missing != change.removed_guids.end()) conflict.set_guid(*missing);
+    return conflict;
+}
+
 v1::Conflict FindRunningJobs(const ReservationInfo& reservation, const WantedChange& change) {
     v1::Conflict conflict;
     conflict.set_reservation_key(change.key);
@@ -77,7 +90,24 @@ v1::Conflict FindConflict(const ReservationManager& manager, v1::Status status, 
     if (status == v1::STATUS_DUPLICATE_GUID) return FindDuplicateGuid(manager, change);
     if (status == v1::STATUS_GUIDS_USED_BY_JOB) return FindUsedGuid(*manager.reservations.at(change.key), change);
     if (status == v1::STATUS_HAS_JOBS) return FindRunningJobs(*manager.reservations.at(change.key), change);
+    if (status == v1::STATUS_INVALID_GUIDS) return FindMissingGuid(manager, change);
     return {};
+}
+
+v1::Conflict FindForeignGuid(const ReservationManager& manager,
+                             const google::protobuf::RepeatedField<uint64_t>& guids) {
+    v1::Conflict conflict;
+    const ReservationInfo* first_owner = nullptr;
+    for (const uint64_t guid : guids) {
+        const auto hca = manager.hca_infos.find(guid);
+        const ReservationInfo* const owner = hca != manager.hca_infos.end() ? hca->second.reservation : nullptr;
+        if (first_owner == nullptr) first_owner = owner;
+        if (owner != nullptr && owner == first_owner) continue;
+        conflict.set_guid(guid);
+        if (owner != nullptr) conflict.set_reservation_key(owner->info.reservation_key);
+        break;
+    }
+    return conflict;
 }
 
 }    // namespace reservationd

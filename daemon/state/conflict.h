@@ -24,4 +24,8 @@ struct WantedChange {
 // options are those in force.
 v1::Conflict FindConflict(const ReservationManager& manager, v1::Status status, const WantedChange& change);
 
+// Of a job's GUIDs, which no reservation holds together: the first one that is in none, or in another one than the
+// first.
+v1::Conflict FindForeignGuid(const ReservationManager& manager, const google::protobuf::RepeatedField<uint64_t>& guids);
+
 }    // namespace reservationd

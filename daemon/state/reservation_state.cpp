@@ -37,6 +37,12 @@ void DescribeAccount(const ReservationInfo& info, v1::Reservation* reservation) 
     for (const auto& [job_id, job] : info.jobs) reservation->add_job_ids(job_id);
 }
 
+void RefuseFreeNodes(const v1::FreeNodes& wanted, v1::ReservationReply* reply) {
+    reply->set_status(v1::STATUS_TOO_FEW_FREE_NODES);
+    reply->set_status_name(v1::Status_Name(reply->status()));
+    reply->set_reason(absl::StrCat("Fewer than ", wanted.count(), " of the nodes are free"));
+}
+
 std::unique_ptr<ReservationInfo> Unpack(const std::string& key, const std::string& packed) {
     std::unique_ptr<ReservationInfo> reservation = UnpackRecord(packed);
     if (reservation == nullptr) throw std::runtime_error("stored reservation " + key + " is damaged");
@@ -111,6 +117,8 @@ void ReservationState::DescribeConsequences(const std::string& key, size_t first
 }
 
 void ReservationState::CreateReservation(const v1::CreateReservationRequest& request, v1::ReservationReply* reply) {
+    if (request.has_free_nodes()) return RefuseFreeNodes(request.free_nodes(), reply);
+
     WantedChange change{request.key(), Sorted(request.guids()), {}};
     const ReservationInfo* const existing = manager_->GetReservationInfoByKey(request.key());
     if (existing != nullptr) {
@@ -124,6 +132,8 @@ void ReservationState::CreateReservation(const v1::CreateReservationRequest& req
 }
 
 void ReservationState::UpdateReservation(const v1::UpdateReservationRequest& request, v1::ReservationReply* reply) {
+    if (request.has_add_free_nodes()) return RefuseFreeNodes(request.add_free_nodes(), reply);
+
     WantedChange change{request.key(), Sorted(request.add_guids()), Sorted(request.remove_guids())};
     const vesk_update_reservation_by_delta record = ToRecord(request, change.added_guids, change.removed_guids);
     RunRequest(reply, change, [&] { manager_->UpdateReservationByDelta(record, nullptr, 0); });
@@ -186,6 +196,7 @@ void ReservationState::BeginJob(const v1::BeginJobRequest& request, v1::BeginJob
     description.mutable_guids()->Add(guids.begin(), guids.end());
     description.set_planes(std::max(request.planes(), 1U));
     description.set_trees(request.trees());
+    description.set_begun_unix_millis(NowInUnixMillis());
 
     const Job* const running = jobs_.Find(request.job_id());
     if (running != nullptr) return ReplyToRepeatedBegin(running->description, description, reply);
@@ -218,6 +229,7 @@ v1::BeginJobReply::Result ReservationState::Admit(std::unique_ptr<Job> job, v1::
     ReservationInfo* const reservation = manager_->GetReservationByJob(vesk_job);
     if (reservation == nullptr) {
         reply->set_reason(context_.reason);
+        *reply->mutable_conflict() = FindForeignGuid(*manager_, job->description.guids());
         return v1::BeginJobReply::RESULT_NO_RESERVATION;
     }
     v1::Job& description = job->description;

@@ -53,7 +53,8 @@ public:
 
     // ---- Requests. Each fills `reply`, which comes empty. ----
 
-    // Whether one is a dry run is not looked at: that is tried in a state made by a ScratchCopy.
+    // Whether one is a dry run is not looked at: that is tried in a state made by a ScratchCopy. The first two are
+    // refused while they want free nodes: those are to be picked before (free_nodes.h).
     void CreateReservation(const v1::CreateReservationRequest& request, v1::ReservationReply* reply);
     void UpdateReservation(const v1::UpdateReservationRequest& request, v1::ReservationReply* reply);
     void DeleteReservation(const v1::DeleteReservationRequest& request, v1::ReservationReply* reply);
@@ -95,6 +96,9 @@ public:
 
     // Notes that a stored reservation is not restored: it is gone.
     void Drop(const std::string& key);
+
+    // The reservation that this HCA is in, or null.
+    const ReservationInfo* FindOwner(uint64_t guid) const { return OwnerOf(guid); }
 
     // Create and update requests refused so far.
     uint64_t failed_requests() const { return failed_requests_; }

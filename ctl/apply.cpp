@@ -18,15 +18,28 @@
 namespace reservationctl {
 namespace {
 
-Reservations ReadDeclaration(const std::string& path) {
+// Asks the daemon.
+GuidList FindGuidsOf(const Client& client, const std::vector<std::string>& expressions) {
+    v1::ListNodesRequest request;
+    request.mutable_nodes()->Add(expressions.begin(), expressions.end());
+    GuidList guids;
+    const v1::ListNodesReply reply = CallForAllPages(client, request);
+    for (const v1::NodeInfo& node : reply.nodes()) {
+        for (const v1::Hca& hca : node.hcas()) guids.push_back(hca.guid());
+    }
+    return guids;
+}
+
+Reservations ReadDeclaration(const std::string& path, const Client& client) {
+    const auto find_guids = [&client](const auto& expressions) { return FindGuidsOf(client, expressions); };
     if (path == "-") {
         std::ostringstream content;
         content << std::cin.rdbuf();
-        return ParseDeclaration(content.str(), "standard input");
+        return ParseDeclaration(content.str(), "standard input", find_guids);
     }
     const absl::StatusOr<std::string> content = util::ReadWholeFile(path);
     if (!content.ok()) throw UsageError(std::string(content.status().message()));
-    return ParseDeclaration(*content, path);
+    return ParseDeclaration(*content, path, find_guids);
 }
 
 // ---- Plan ----
@@ -104,7 +117,7 @@ ExitStatus Apply(const Client& client, const ApplySettings& settings) {
     if (settings.path == "-" && !settings.assume_yes && !settings.dry_run) {
         throw UsageError("standard input is the file and cannot answer a question, too: give --yes or --dry-run");
     }
-    const Reservations wanted = ReadDeclaration(settings.path);
+    const Reservations wanted = ReadDeclaration(settings.path, client);
     v1::GetReservationsRequest listing;
     listing.set_with_details(true);
     const v1::ReservationReply existing = CallForAllPages(client, listing);

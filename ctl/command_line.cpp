@@ -1,5 +1,6 @@
 #include "ctl/command_line.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <exception>
@@ -7,6 +8,7 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ctl/apply.h"
 #include "ctl/commands.h"
@@ -20,12 +22,14 @@ namespace {
 constexpr char kDescription[] = "Makes, changes and shows the reservations of a running reservationd.";
 
 constexpr char kFooter[] =
-    "LIST is a list of GUIDs: 0x10,0x12 or 0x10-0x1f, or @FILE, or - for standard input; the option can be "
-    "repeated.\n\n"
+    "LIST is a list of GUIDs: 0x10,0x12 or 0x10-0x1f, or @FILE, or - for standard input; NODES are nodes that the "
+    "daemon "
+    "knows:\nnode[001-016,020],login1. The options can be repeated.\n\n"
     "Exit status: 0 done, 1 refused, 2 wrong usage, 3 no daemon, 4 not allowed, or no TLS connection, 5 try again "
     "later,\n6 no such reservation, 7 changed meanwhile.\n\n"
     "Examples:\n"
     "  reservationctl create appA --pkey 0x8001 --guids 0x10-0x1f --num-trees 4\n"
+    "  reservationctl create appB --pkey 0x8002 --nodes node[001-016]\n"
     "  reservationctl update appA --add @new-hosts --remove 0x10 --dry-run\n"
     "  reservationctl list --json > backup.json\n"
     "  reservationctl apply backup.json";
@@ -52,10 +56,29 @@ void AddRequiredKey(CLI::App* command, const DraftPointer<Request>& draft) {
     AddKey(command, "the reservation's key", [draft](const auto& key) { draft->request.set_key(key); })->required();
 }
 
+// Refuses a command line with none of these options.
+void RequireOne(CLI::App* command, const std::vector<const CLI::Option*>& options) {
+    command->parse_complete_callback([options] {
+        const auto is_given = [](const CLI::Option* option) { return option->count() > 0; };
+        if (std::any_of(options.begin(), options.end(), is_given)) return;
+        std::string names;
+        for (const CLI::Option* option : options) names += (names.empty() ? "" : ", ") + option->get_name();
+        throw UsageError("one of these is missing: " + names);
+    });
+}
+
 template <typename Request>
 void AddJobId(CLI::App* command, const DraftPointer<Request>& draft) {
     const auto set_id = [draft](uint64_t id) { draft->request.set_job_id(id); };
     AddNumber(command, "JOB", 1, UINT64_MAX, "the job's id", set_id)->required();
+}
+
+// Of a listing, which otherwise tells the nodes where the daemon knows them.
+template <typename Request>
+void AddGuidsOnly(CLI::App* command, const DraftPointer<Request>& draft) {
+    draft->request.set_with_nodes(true);
+    const auto clear = [draft] { draft->request.set_with_nodes(false); };
+    command->add_flag_callback("--guids", clear, "show GUIDs where nodes are known, too");
 }
 
 template <typename Request>
@@ -84,8 +107,19 @@ public:
         const auto end = std::make_shared<Draft<v1::EndJobRequest>>();
         AddJobId(Add(job, "end", "take a job that ended out of the counts", end, EndJob), end);
         const auto list = std::make_shared<Draft<v1::ListJobsRequest>>();
-        AddKey(Add(job, "list", "list the running jobs", list, ListJobs), "of this reservation only",
+        CLI::App* const command = Add(job, "list", "list the running jobs", list, ListJobs);
+        AddKey(command, "of this reservation only",
                [list](const auto& key) { list->request.set_reservation_key(key); });
+        AddGuidsOnly(command, list);
+    }
+
+    void AddNodeCommands(CLI::App* app) {
+        const auto who = std::make_shared<Draft<v1::ListNodesRequest>>();
+        AddNodeOrGuid(Add(app, "who", "tell who has nodes or HCAs", who, ShowHolders), &who->request);
+        const auto draft = std::make_shared<Draft<v1::ListNodesRequest>>();
+        CLI::App* const command =
+            Add(app, "nodes", "list the nodes that the daemon knows, and count the free ones", draft, ListNodes);
+        AddNodes(command, "NODES", "these only", draft->request.mutable_nodes());
     }
 
     void AddFabricCommands(CLI::App* app) {
@@ -123,11 +157,14 @@ private:
         AddNumber(command, "--pkey", 0, util::kMaxPkey, "partition key, 0 to 0xffff", [request](uint32_t pkey) {
             request->set_pkey(pkey);
         })->required();
-        AddGuids(command, "--guids", "all of its GUIDs", request->mutable_guids())->required();
+        RequireOne(command, {AddGuids(command, "--guids", "all of its GUIDs", request->mutable_guids()),
+                             AddNodes(command, "--nodes", "nodes, whose HCAs it gets", request->mutable_nodes()),
+                             AddFreeNodes(command, "--free", [request] { return request->mutable_free_nodes(); })});
         AddLimits(command, request);
         command->add_flag_callback(
             "--auto-created", [request] { request->set_auto_created(true); }, "mark it as made from pkeys");
         AddDryRun(command, draft);
+        draft->request.set_with_nodes(true);
     }
 
     void AddUpdate(CLI::App* app) {
@@ -137,7 +174,11 @@ private:
         AddRequiredKey(command, draft);
         AddGuids(command, "--add", "GUIDs to add", draft->request.mutable_add_guids());
         AddGuids(command, "--remove", "GUIDs to remove", draft->request.mutable_remove_guids());
+        AddNodes(command, "--add-nodes", "nodes to add", draft->request.mutable_add_nodes());
+        AddNodes(command, "--remove-nodes", "nodes to remove", draft->request.mutable_remove_nodes());
+        AddFreeNodes(command, "--add-free", [draft] { return draft->request.mutable_add_free_nodes(); });
         AddDryRun(command, draft);
+        draft->request.set_with_nodes(true);
     }
 
     void AddDelete(CLI::App* app) {
@@ -145,12 +186,14 @@ private:
         CLI::App* const command = Add(app, "delete", "delete a reservation", draft, DeleteReservation);
         AddRequiredKey(command, draft);
         AddDryRun(command, draft);
+        draft->request.set_with_nodes(true);
     }
 
     void AddList(CLI::App* app) {
         const auto draft = std::make_shared<Draft<v1::GetReservationsRequest>>();
         draft->request.set_with_details(true);
         CLI::App* const command = Add(app, "list", "list the reservations", draft, ListReservations);
+        AddGuidsOnly(command, draft);
         const auto clear_details = [draft] { draft->request.set_with_details(false); };
         command->add_flag_callback("--keys", clear_details, "keys only, one a line")->excludes("--json");
     }
@@ -158,6 +201,7 @@ private:
     void AddShow(CLI::App* app) {
         const auto draft = std::make_shared<Draft<v1::GetReservationsRequest>>();
         draft->request.set_with_details(true);
+        draft->request.set_with_nodes(true);
         AddRequiredKey(Add(app, "show", "show a reservation in full", draft, ShowReservation), draft);
     }
 
@@ -179,7 +223,8 @@ private:
         v1::BeginJobRequest* const request = &draft->request;
         CLI::App* const command = Add(job, "begin", "admit a starting job to its reservation", draft, BeginJob);
         AddJobId(command, draft);
-        AddGuids(command, "--guids", "GUIDs of its HCAs", request->mutable_guids())->required();
+        RequireOne(command, {AddGuids(command, "--guids", "GUIDs of its HCAs", request->mutable_guids()),
+                             AddNodes(command, "--nodes", "its nodes", request->mutable_nodes())});
         AddNumber(command, "--planes", 1, util::kMaxPlanes, "planes of its trees; default: 1",
                   [request](uint32_t planes) { request->set_planes(planes); });
         AddNumber(command, "--trees", 1, util::kMaxTrees, "its trees in each plane; default: 1",
@@ -239,6 +284,7 @@ ExitStatus Run(int argc, const char* const* argv) {
     CommandAdder adder(line);
     adder.AddReservationCommands(&app);
     adder.AddJobCommands(&app);
+    adder.AddNodeCommands(&app);
     adder.AddFabricCommands(&app);
     app.footer(kFooter);    // after the commands, which would take it over
     try {

@@ -40,6 +40,7 @@ ExitStatus PrintChange(const Client& client, const Request& request, Format form
     if (format == Format::kJson) PrintJson(reply);
     if (!is_done) return ReportRefusal(reply);
     if (format == Format::kText) {
+        if (!reply.picked_nodes().empty()) std::cout << "picked: " << util::Printable(reply.picked_nodes()) << "\n";
         std::cout << (request.dry_run() ? "would be " : "") << done << ":\n"
                   << DescribeInTable(reply.reservations()) << Describe(reply.consequences(), request.dry_run());
     }
@@ -52,6 +53,13 @@ ExitStatus PrintReservations(const Client& client, const v1::GetReservationsRequ
     if (format == Format::kJson) PrintJson(reply);
     if (reply.status() != v1::STATUS_SUCCESS) return ReportRefusal(reply);
     if (format == Format::kText) std::cout << describe(reply);
+    return ExitStatus::kDone;
+}
+
+ExitStatus PrintNodes(const Client& client, const v1::ListNodesRequest& request, Format format,
+                      std::string (*describe)(const google::protobuf::RepeatedPtrField<v1::NodeInfo>& nodes)) {
+    const v1::ListNodesReply reply = CallForAllPages(client, request);
+    Print(reply, format, [&] { return describe(reply.nodes()); });
     return ExitStatus::kDone;
 }
 
@@ -115,6 +123,14 @@ ExitStatus ListJobs(const Client& client, const v1::ListJobsRequest& request, Fo
     const v1::ListJobsReply reply = CallForAllPages(client, request);
     Print(reply, format, [&] { return DescribeInTable(reply.jobs()); });
     return ExitStatus::kDone;
+}
+
+ExitStatus ShowHolders(const Client& client, const v1::ListNodesRequest& request, Format format) {
+    return PrintNodes(client, request, format, DescribeHcas);
+}
+
+ExitStatus ListNodes(const Client& client, const v1::ListNodesRequest& request, Format format) {
+    return PrintNodes(client, request, format, DescribeNodes);
 }
 
 ExitStatus ReportPort(const Client& client, const v1::ReportPortRequest& request, Format format) {

@@ -26,6 +26,12 @@ ExitStatus ShowReservation(const Client& client, const v1::GetReservationsReques
 ExitStatus BeginJob(const Client& client, const v1::BeginJobRequest& request, Format format);
 ExitStatus EndJob(const Client& client, const v1::EndJobRequest& request, Format format);
 ExitStatus ListJobs(const Client& client, const v1::ListJobsRequest& request, Format format);
+
+// In words: a line for each HCA with its node, reservation and jobs; a line for each node with its state, and the
+// counts.
+ExitStatus ShowHolders(const Client& client, const v1::ListNodesRequest& request, Format format);
+ExitStatus ListNodes(const Client& client, const v1::ListNodesRequest& request, Format format);
+
 ExitStatus ReportPort(const Client& client, const v1::ReportPortRequest& request, Format format);
 ExitStatus ShowStatus(const Client& client, const v1::GetDaemonInfoRequest& request, Format format);
 

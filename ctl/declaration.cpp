@@ -34,9 +34,23 @@ json ParseJson(const std::string& text, const std::string& name) try {
     throw UsageError(name + ": " + (end_of_tag == message.npos ? message : message.substr(end_of_tag + 2)));
 }
 
+// Takes the host expressions out of the reservation. What a listing tells of nodes, an object, is only taken out.
+std::vector<std::string> TakeNodes(json& reservation, const std::string& source) {
+    if (!reservation.contains("nodes")) return {};
+    const json nodes = std::move(reservation["nodes"]);
+    reservation.erase("nodes");
+    if (nodes.is_object()) return {};
+    std::vector<std::string> expressions;
+    for (const json& element : nodes.is_array() ? nodes : json::array({nodes})) {
+        if (!element.is_string()) throw UsageError(source + ": \"nodes\" is not a string or an array of strings");
+        expressions.push_back(element.get<std::string>());
+    }
+    return expressions;
+}
+
 // Takes the GUIDs out of the reservation: each element is a string that lists some, or a number.
 GuidList TakeGuids(json& reservation, const std::string& source) {
-    if (!reservation.contains("guids")) throw UsageError(source + ": has no member \"guids\"");
+    if (!reservation.contains("guids")) throw UsageError(source + ": has no member \"guids\", and no \"nodes\"");
     const json elements = std::move(reservation["guids"]);
     reservation.erase("guids");
     if (!elements.is_array()) throw UsageError(source + ": \"guids\" is not an array");
@@ -57,12 +71,18 @@ void ForgetLimitsNotGiven(v1::Limits& limits) {
     }
 }
 
-v1::Reservation ParseReservation(json element, const std::string& name, size_t index) {
+v1::Reservation ParseReservation(json element, const std::string& name, size_t index, const FindGuids& find_guids) {
     std::string source = fmt::format("{}: reservation {}", name, index + 1);
     if (!element.is_object()) throw UsageError(source + " is not an object");
     const auto key = element.find("key");
     if (key != element.end() && key->is_string()) source += fmt::format(" ({})", key->get_ref<const std::string&>());
-    const GuidList guids = TakeGuids(element, source);
+    const std::vector<std::string> nodes = TakeNodes(element, source);
+    const bool has_nodes_only = !nodes.empty() && !element.contains("guids");
+    GuidList guids = has_nodes_only ? GuidList() : TakeGuids(element, source);
+    if (!nodes.empty()) {
+        const GuidList found = find_guids(nodes);
+        guids.insert(guids.end(), found.begin(), found.end());
+    }
     const auto pkey = element.find("pkey");
     if (pkey != element.end() && pkey->is_string()) {
         *pkey = ParseNumber(pkey->get_ref<const std::string&>(), 0, util::kMaxPkey, source);
@@ -98,7 +118,7 @@ void CheckTogether(const Reservations& reservations, const std::string& name) {
 
 }    // namespace
 
-Reservations ParseDeclaration(const std::string& text, const std::string& name) {
+Reservations ParseDeclaration(const std::string& text, const std::string& name, const FindGuids& find_guids) {
     json document = ParseJson(text, name);
     const auto elements = document.is_object() ? document.find("reservations") : document.end();
     if (elements == document.end() || !elements->is_array()) {
@@ -109,7 +129,7 @@ Reservations ParseDeclaration(const std::string& text, const std::string& name) 
     }
     Reservations reservations;
     for (size_t i = 0; i < elements->size(); ++i) {
-        *reservations.Add() = ParseReservation(std::move((*elements)[i]), name, i);
+        *reservations.Add() = ParseReservation(std::move((*elements)[i]), name, i, find_guids);
     }
     CheckTogether(reservations, name);
     return reservations;

@@ -5,6 +5,9 @@
 #include <absl/time/time.h>
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <map>
+#include <set>
 #include <vector>
 
 #include "ctl/guid_list.h"
@@ -18,7 +21,7 @@ namespace v1 = reservation::v1;
 
 namespace {
 
-constexpr size_t kMaxGuidsWidth = 60;    // characters
+constexpr size_t kMaxGuidsWidth = 60;    // characters; of nodes, too
 
 template <typename Guids>
 GuidList ToList(const Guids& guids) {
@@ -44,6 +47,49 @@ std::string DescribeState(const v1::Reservation& reservation) {
 
 std::string DescribeTime(int64_t unix_millis) {
     return absl::FormatTime("%Y-%m-%dT%H:%M:%SZ", absl::FromUnixMillis(unix_millis), absl::UTCTimeZone());
+}
+
+// "node[001-016], in part node17, 2 GUIDs of no node"
+std::string DescribePlaces(const v1::Nodes& nodes) {
+    std::vector<std::string> items;
+    if (!nodes.whole().empty()) items.push_back(util::Printable(nodes.whole()));
+    if (!nodes.partial().empty()) items.push_back("in part " + util::Printable(nodes.partial()));
+    if (nodes.num_other_guids() > 0) items.push_back(Count(nodes.num_other_guids(), "GUID") + " of no node");
+    return absl::StrJoin(items, ", ");
+}
+
+// Where the HCAs of reservations, or jobs, are: their nodes, if any of them tells some, or else their GUIDs.
+template <typename Items>
+class PlacesColumn {
+public:
+    explicit PlacesColumn(const Items& items)
+        : has_nodes_(std::any_of(items.begin(), items.end(), [](const auto& item) {
+              return !item.nodes().whole().empty() || !item.nodes().partial().empty();
+          })) {}
+
+    std::string title() const { return has_nodes_ ? "NODES" : "GUIDS"; }
+
+    template <typename Item>
+    std::string Cell(const Item& item) const {
+        if (!has_nodes_) return FoldGuids(ToList(item.guids()), kMaxGuidsWidth);
+        std::string text = DescribePlaces(item.nodes());
+        if (text.size() > kMaxGuidsWidth) text = text.substr(0, kMaxGuidsWidth - 3) + "...";
+        return text;
+    }
+
+private:
+    const bool has_nodes_;
+};
+
+std::string DescribeState(const v1::NodeInfo& node) {
+    switch (node.state()) {
+        case v1::NodeInfo::STATE_FREE:
+            return "free";
+        case v1::NodeInfo::STATE_RESERVED:
+            return "reserved";
+        default:
+            return "in part";
+    }
 }
 
 std::string YesOrNo(bool value) { return value ? "yes" : "no"; }
@@ -101,44 +147,82 @@ std::string DescribeLimits(const v1::Limits& limits) {
 
 std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Reservation>& reservations) {
     constexpr auto kRight = Table::Align::kRight;
-    Table table({{"KEY"}, {"PKEY", kRight}, {"HCAS", kRight}, {"TREES", kRight}, {"JOBS", kRight}, {"GUIDS"}});
+    const PlacesColumn places(reservations);
+    Table table({{"KEY"}, {"PKEY", kRight}, {"HCAS", kRight}, {"TREES", kRight}, {"JOBS", kRight}, {places.title()}});
     for (const v1::Reservation& reservation : reservations) {
         table.AddRow({util::Printable(reservation.key()), FormatHex(reservation.pkey()),
                       std::to_string(reservation.guids_size()), DescribeTrees(reservation),
-                      std::to_string(reservation.job_ids_size()),
-                      FoldGuids(ToList(reservation.guids()), kMaxGuidsWidth)});
+                      std::to_string(reservation.job_ids_size()), places.Cell(reservation)});
     }
     return table.ToString();
 }
 
 std::string Describe(const v1::Reservation& reservation) {
-    return DescribeFacts({{"key", util::Printable(reservation.key())},
-                          {"id", std::to_string(reservation.id())},
-                          {"state", DescribeState(reservation)},
-                          {"pkey", FormatHex(reservation.pkey())},
-                          {"made from pkeys", YesOrNo(reservation.auto_created())},
-                          {"limits", DescribeLimits(reservation.limits())},
-                          {"trees", DescribeTrees(reservation)},
-                          {"jobs", reservation.job_ids().empty() ? "none" : JoinNumbers(reservation.job_ids())},
-                          {"HCAs", std::to_string(reservation.guids_size())},
-                          {"GUIDs", FoldGuids(ToList(reservation.guids()))}});
+    std::vector<std::vector<std::string>> facts = {
+        {"key", util::Printable(reservation.key())},
+        {"id", std::to_string(reservation.id())},
+        {"state", DescribeState(reservation)},
+        {"pkey", FormatHex(reservation.pkey())},
+        {"made from pkeys", YesOrNo(reservation.auto_created())},
+        {"limits", DescribeLimits(reservation.limits())},
+        {"trees", DescribeTrees(reservation)},
+        {"jobs", reservation.job_ids().empty() ? "none" : JoinNumbers(reservation.job_ids())},
+        {"HCAs", std::to_string(reservation.guids_size())},
+        {"GUIDs", FoldGuids(ToList(reservation.guids()))}};
+    if (reservation.has_nodes()) facts.push_back({"nodes", DescribePlaces(reservation.nodes())});
+    return DescribeFacts(facts);
 }
 
 std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Job>& jobs) {
     constexpr auto kRight = Table::Align::kRight;
+    const PlacesColumn places(jobs);
     Table table({{"JOB", kRight},
                  {"RESERVATION"},
                  {"PLANES", kRight},
                  {"TREES", kRight},
                  {"COUNTED"},
                  {"HCAS", kRight},
-                 {"GUIDS"}});
+                 {places.title()}});
     for (const v1::Job& job : jobs) {
         table.AddRow({std::to_string(job.job_id()), util::Printable(job.reservation_key()),
                       std::to_string(job.planes()), std::to_string(job.trees()), YesOrNo(job.accounted()),
-                      std::to_string(job.guids_size()), FoldGuids(ToList(job.guids()), kMaxGuidsWidth)});
+                      std::to_string(job.guids_size()), places.Cell(job)});
     }
     return table.ToString();
+}
+
+std::string DescribeHcas(const google::protobuf::RepeatedPtrField<v1::NodeInfo>& nodes) {
+    Table table({{"NODE"}, {"GUID"}, {"RESERVATION"}, {"PKEY", Table::Align::kRight}, {"JOBS"}});
+    for (const v1::NodeInfo& node : nodes) {
+        for (const v1::Hca& hca : node.hcas()) {
+            const bool is_free = hca.reservation_key().empty();
+            table.AddRow({node.name().empty() ? "-" : util::Printable(node.name()), FormatHex(hca.guid()),
+                          is_free ? "-" : util::Printable(hca.reservation_key()), is_free ? "-" : FormatHex(hca.pkey()),
+                          hca.job_ids().empty() ? "-" : JoinNumbers(hca.job_ids())});
+        }
+    }
+    return table.ToString();
+}
+
+std::string DescribeNodes(const google::protobuf::RepeatedPtrField<v1::NodeInfo>& nodes) {
+    Table table(
+        {{"NODE"}, {"STATE"}, {"HCAS", Table::Align::kRight}, {"JOBS", Table::Align::kRight}, {"RESERVATIONS"}});
+    std::map<std::string, size_t> counts;    // by state
+    for (const v1::NodeInfo& node : nodes) {
+        std::set<std::string> keys;
+        std::set<uint64_t> job_ids;
+        for (const v1::Hca& hca : node.hcas()) {
+            if (!hca.reservation_key().empty()) keys.insert(util::Printable(hca.reservation_key()));
+            job_ids.insert(hca.job_ids().begin(), hca.job_ids().end());
+        }
+        const std::string state = DescribeState(node);
+        ++counts[state];
+        table.AddRow({util::Printable(node.name()), state, std::to_string(node.hcas_size()),
+                      std::to_string(job_ids.size()), absl::StrJoin(keys, ",")});
+    }
+    return table.ToString() + fmt::format("{}: {} free, {} reserved, {} in part\n",
+                                          Count(static_cast<size_t>(nodes.size()), "node"), counts["free"],
+                                          counts["reserved"], counts["in part"]);
 }
 
 std::string Describe(const v1::DaemonInfo& info) {
@@ -164,6 +248,7 @@ std::string Describe(const v1::DaemonInfo& info) {
         {"stored reservations loaded", YesOrNo(info.load_persistent_reservations())},
         {"default trees limit", trees == util::kLimitNotGiven ? "none" : std::to_string(trees)},
         {"most jobs per HCA", info.max_jobs_per_hca() == 0 ? "unlimited" : std::to_string(info.max_jobs_per_hca())}};
+    if (info.nodes() > 0) facts.push_back({"nodes", fmt::format("{} with {} HCAs", info.nodes(), info.node_hcas())});
     for (const std::string& warning : info.warnings()) facts.push_back({"warning", util::Printable(warning)});
     return DescribeFacts(facts);
 }

@@ -19,13 +19,19 @@ std::string JoinNumbers(const google::protobuf::RepeatedField<uint64_t>& numbers
 // "num_trees=4,limit6=1", or "none".
 std::string DescribeLimits(const reservation::v1::Limits& limits);
 
-// One line for each reservation, with the beginning of its GUIDs.
+// One line for each reservation, with the beginning of its nodes or, where the reply tells of none, of its GUIDs.
 std::string DescribeInTable(const google::protobuf::RepeatedPtrField<reservation::v1::Reservation>& reservations);
+
+// One line for each HCA.
+std::string DescribeHcas(const google::protobuf::RepeatedPtrField<reservation::v1::NodeInfo>& nodes);
+
+// One line for each node, and one that counts them.
+std::string DescribeNodes(const google::protobuf::RepeatedPtrField<reservation::v1::NodeInfo>& nodes);
 
 // One reservation in full.
 std::string Describe(const reservation::v1::Reservation& reservation);
 
-// One line for each job.
+// One line for each job, likewise.
 std::string DescribeInTable(const google::protobuf::RepeatedPtrField<reservation::v1::Job>& jobs);
 
 std::string Describe(const reservation::v1::DaemonInfo& info);

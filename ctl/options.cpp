@@ -32,6 +32,12 @@ void SetLimit(const std::string& text, v1::Limits& limits) {
     limits.GetReflection()->SetUInt32(&limits, limit, static_cast<uint32_t>(value));
 }
 
+void AddExpression(const std::string& expression, const std::string& option,
+                   google::protobuf::RepeatedPtrField<std::string>* nodes) {
+    if (!util::IsUtf8(expression)) throw UsageError(fmt::format("{}: '{}' is not UTF-8", option, expression));
+    nodes->Add(std::string(expression));
+}
+
 CLI::Option* AddText(CLI::App* command, const std::string& name, const std::string& help, const SetText& set) {
     return command->add_option_function<std::string>(name, set, help)->type_name("");
 }
@@ -56,6 +62,44 @@ CLI::Option* AddGuids(CLI::App* command, const std::string& name, const std::str
         guids->Add(list.begin(), list.end());
     };
     return AddTexts(command, name, help + ": 0x10,0x20-0x2f, @FILE or -; can be repeated", read)->type_name("LIST");
+}
+
+CLI::Option* AddNodes(CLI::App* command, const std::string& name, const std::string& help,
+                      google::protobuf::RepeatedPtrField<std::string>* nodes) {
+    const auto read = [=](const std::vector<std::string>& expressions) {
+        for (const std::string& expression : expressions) AddExpression(expression, name, nodes);
+    };
+    return AddTexts(command, name, help + ": node[001-016,020],login1; can be repeated", read)->type_name("NODES");
+}
+
+CLI::Option* AddFreeNodes(CLI::App* command, const std::string& name,
+                          const std::function<v1::FreeNodes*()>& free_nodes) {
+    CLI::Option* const count =
+        AddNumber(command, name, 1, UINT32_MAX, "so many free nodes, the first ones there are",
+                  [=](uint64_t number) { free_nodes()->set_count(static_cast<uint32_t>(number)); });
+    const auto read = [=](const std::vector<std::string>& expressions) {
+        for (const std::string& item : expressions) AddExpression(item, "--among", free_nodes()->mutable_among());
+    };
+    AddTexts(command, "--among", "free nodes among these only; can be repeated", read)
+        ->type_name("NODES")
+        ->needs(count);
+    return count;
+}
+
+void AddNodeOrGuid(CLI::App* command, v1::ListNodesRequest* request) {
+    const auto read = [request](const std::vector<std::string>& names) {
+        for (const std::string& name : names) {
+            GuidList guids;
+            if (util::ParseGuids(name, guids).ok()) {
+                request->mutable_guids()->Add(guids.begin(), guids.end());
+            } else {
+                AddExpression(name, "NAME", request->mutable_nodes());
+            }
+        }
+    };
+    command->add_option_function<std::vector<std::string>>("NAME", read, "nodes, or GUIDs of HCAs")
+        ->type_name("")
+        ->required();
 }
 
 CLI::Option* AddKey(CLI::App* command, const std::string& help, const SetText& set) {

@@ -25,6 +25,18 @@ CLI::Option* AddNumber(CLI::App* command, const std::string& name, uint64_t min,
 CLI::Option* AddGuids(CLI::App* command, const std::string& name, const std::string& help,
                       google::protobuf::RepeatedField<uint64_t>* guids);
 
+// Host expressions, which the daemon reads; can be repeated. `nodes` must outlive the parsing.
+CLI::Option* AddNodes(CLI::App* command, const std::string& name, const std::string& help,
+                      google::protobuf::RepeatedPtrField<std::string>* nodes);
+
+// `name`, a number of free nodes for the daemon to pick, and --among, which ones it may pick. `free_nodes` returns
+// where they go, and is called only for an option that is given.
+CLI::Option* AddFreeNodes(CLI::App* command, const std::string& name,
+                          const std::function<reservation::v1::FreeNodes*()>& free_nodes);
+
+// The arguments NAME, one at least: nodes, or HCAs where they read as GUIDs. `request` must outlive the parsing.
+void AddNodeOrGuid(CLI::App* command, reservation::v1::ListNodesRequest* request);
+
 // The argument KEY: UTF-8, and not empty.
 CLI::Option* AddKey(CLI::App* command, const std::string& help, const SetText& set);
 

@@ -53,6 +53,8 @@ Explanation Explain(v1::Status status) {
         case v1::STATUS_LIMITS_MISMATCH:
             return {"the reservation exists with other limits",
                     "give no limits or those that 'show KEY' tells, or delete the reservation and create it anew"};
+        case v1::STATUS_TOO_FEW_FREE_NODES:
+            return {"too few nodes are free", "see 'nodes'; ask for fewer, or among others"};
         case v1::STATUS_GUIDS_USED_BY_JOB:
             return {
                 "a running job uses GUIDs that would leave the reservation",
@@ -86,6 +88,7 @@ std::string Line(std::string_view name, std::string_view text) {
 std::string DescribeConflict(const v1::Conflict& conflict) {
     std::vector<std::string> items;
     if (conflict.guid() != 0) items.push_back(fmt::format("GUID {:#x}", conflict.guid()));
+    if (!conflict.node().empty()) items.back() += " of node " + conflict.node();
     if (!conflict.reservation_key().empty()) items.push_back("reservation " + conflict.reservation_key());
     if (!conflict.job_ids().empty()) {
         items.push_back(
@@ -114,7 +117,8 @@ std::string DescribeRefusal(const v1::ReservationReply& reply) {
 }
 
 std::string DescribeRefusal(const v1::BeginJobReply& reply) {
-    return Describe(v1::BeginJobReply::Result_Name(reply.result()), Explain(reply.result()), reply.reason(), {});
+    return Describe(v1::BeginJobReply::Result_Name(reply.result()), Explain(reply.result()), reply.reason(),
+                    reply.conflict());
 }
 
 // An update of a reservation that is not there has an invalid key. This program sends no other that is invalid.

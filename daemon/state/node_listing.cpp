@@ -30,6 +30,10 @@ void SortAndUnite(std::vector<Value>& values) {
 
 Selection Select(const NodeTable& table, const v1::ListNodesRequest& request) {
     Selection selection;
+    if (request.guids().empty()) {
+        for (const Node& node : table.nodes()) selection.nodes.push_back(&node);
+        return selection;
+    }
     for (const uint64_t guid : request.guids()) {
         const Node* const node = table.FindByGuid(guid);
         if (node != nullptr) {
@@ -37,9 +41,6 @@ Selection Select(const NodeTable& table, const v1::ListNodesRequest& request) {
         } else {
             selection.other_guids.push_back(guid);
         }
-    }
-    if (request.guids().empty()) {
-        for (const Node& node : table.nodes()) selection.nodes.push_back(&node);
     }
     SortAndUnite(selection.nodes);
     SortAndUnite(selection.other_guids);

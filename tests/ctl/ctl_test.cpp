@@ -285,6 +285,96 @@ next event: 1
 )");
 }
 
+TEST_F(CtlTest, NodesStandForTheirHcas) {
+    WriteFile("nodes", "node[01-06] 0x11-0x16 0x21-0x26\nlogin1 0x1\n");
+    Start("--nodes=" + dir_.path() + "/nodes");
+    Declare("declared", R"({"key": "A", "pkey": 1, "nodes": "node[03-04]"},
+                           {"key": "C", "pkey": 1, "nodes": ["node05", "login1"], "guids": ["0x99"]})");
+    ExpectSession(R"($ create A --pkey 1 --nodes node[01-02] --free 2 --among node[04-06],login1 --among node05
+picked: node[04-05]
+in force:
+KEY  PKEY  HCAS           TREES  JOBS  NODES
+A     0x1     8  0 of unlimited     0  node[01-02,04-05]
+$ create B --pkey 2 --guids 0x13,0x99 --free 1 --dry-run
+picked: node06
+would be in force:
+KEY  PKEY  HCAS           TREES  JOBS  NODES
+B     0x2     4  0 of unlimited     0  node06, in part node03, 1 GUID of no node
+$ create B --pkey 2 --free 4
+refused: STATUS_TOO_FEW_FREE_NODES: too few nodes are free
+  the daemon: REASON
+  what helps: see 'nodes'; ask for fewer, or among others
+exit 1
+$ update A --remove-nodes node05 --add-free 1 --remove 0x24
+picked: node03
+in force:
+KEY  PKEY  HCAS           TREES  JOBS  NODES
+A     0x1     7  0 of unlimited     0  node[01-03], in part node04
+$ create B --pkey 2 --nodes node[05,02]
+refused: STATUS_GUID_RESERVED: a GUID belongs to another reservation and may not be taken from it
+  the daemon: REASON
+  in the way: GUID 0x12 of node node02, reservation A
+  what helps: remove the GUID from that reservation first ('update KEY --remove'), or delete it; or turn the daemon's reservation-allow-guid-override on, and reservation-allow-ending-jobs if it has jobs
+exit 1
+$ update A --remove-nodes node06
+refused: STATUS_INVALID_GUIDS: there are no GUIDs, or GUID 0 is among them, or GUIDs to remove are not in the reservation
+  the daemon: REASON
+  in the way: GUID 0x16 of node node06
+  what helps: see 'show KEY' for the reservation's GUIDs
+exit 1
+$ job begin 7 --nodes node[01-02]
+job 7 admitted to reservation A, id 6919333181322027406
+$ job begin 8 --nodes node[02,05]
+refused: RESULT_NO_RESERVATION: no reservation holds all of the job's HCAs
+  the daemon: REASON
+  in the way: GUID 0x15 of node node05
+  what helps: see 'list' for who holds them, and create a reservation or add them to one
+exit 6
+$ job list
+JOB  RESERVATION  PLANES  TREES  COUNTED  HCAS  NODES
+  7  A                 1      1  yes         4  node[01-02]
+$ list --guids
+KEY  PKEY  HCAS           TREES  JOBS  GUIDS
+A     0x1     7  1 of unlimited     1  0x11-0x14,0x21-0x23
+$ who node02 0x14-0x15 0x99
+NODE    GUID  RESERVATION  PKEY  JOBS
+node02  0x12  A             0x1  7
+node02  0x22  A             0x1  7
+node04  0x14  A             0x1  -
+node04  0x24  -               -  -
+node05  0x15  -               -  -
+node05  0x25  -               -  -
+-       0x99  -               -  -
+$ job end 7
+job 7 ended
+$ apply DIR/declared --yes
+1. change A: remove 4 GUIDs (0x11-0x12,0x21-0x22), add 1 GUID (0x24)
+2. create C: pkey 0x1, limits none, 4 GUIDs (0x1,0x15,0x25,0x99)
+2 steps, ending 0 jobs
+done
+$ nodes
+NODE    STATE     HCAS  JOBS  RESERVATIONS
+node01  free         2     0
+node02  free         2     0
+node03  reserved     2     0  A
+node04  reserved     2     0  A
+node05  reserved     2     0  C
+node06  free         2     0
+login1  reserved     1     0  C
+7 nodes: 3 free, 4 reserved, 0 in part
+)");
+    EXPECT_NE(Ctl("show C").find("nodes            login1,node05, 1 GUID of no node\n"), std::string::npos);
+    WriteFile("backup", Ctl("list --json"));
+    EXPECT_EQ(Ctl("apply DIR/backup"), "nothing to change: 2 reservations as declared\n");
+    ExpectFaults(2, R"(create D --pkey 1 => one of these is missing: --guids, --nodes, --free
+create D --pkey 1 --nodes node[01 => the daemon cannot read the request: nodes 'node[01': at character 5: the bracket is *
+update A --add-nodes node01,no => the daemon cannot read the request: add_nodes: node 'no' is not in the daemon's table *
+who node9 => the daemon cannot read the request: nodes: node 'node9' is not in the daemon's table of nodes
+update A --add-free 1 --among x => the daemon cannot read the request: add_free_nodes.among: node 'x' is not in the *
+{"key": "D", "pkey": 1, "nodes": [7]} => DIR/declared: reservation 1 (D): "nodes" is not a string or an array of strings
+)");
+}
+
 TEST_F(CtlTest, EveryReplyIsShownAsJson) {
     ExpectOutputs(R"(create A --pkey 1 --guids 1 --json => {| "status": "STATUS_SUCCESS",|*}|
 create A --pkey 2 --guids 1 --json => {|*"STATUS_PKEY_MISMATCH"*}|refused: STATUS_PKEY_MISMATCH: *|exit 1|
@@ -340,7 +430,7 @@ watch --from 0 => --from: '0' is not a number from 1 to 18446744073709551615
  => the command is missing; see --help
 oops => DIR/declared: parse error at line 1, column 19: *
 7 => DIR/declared: reservation 1 is not an object
-{"key": "a"} => DIR/declared: reservation 1 (a): has no member "guids"
+{"key": "a"} => DIR/declared: reservation 1 (a): has no member "guids", and no "nodes"
 {"key": "a", "guids": 1} => DIR/declared: reservation 1 (a): "guids" is not an array
 {"guids": [1]} => DIR/declared: reservation 1: has no key
 {"key": "a", "guids": [0]} => DIR/declared: reservation 1 (a): '0' is no GUID: GUIDs begin at 1

@@ -1,5 +1,6 @@
 // The programs as they are run: processes, sockets, signals, and sudden death.
 
+#include <google/protobuf/text_format.h>
 #include <grp.h>
 #include <grpcpp/generic/generic_stub.h>
 #include <grpcpp/grpcpp.h>
@@ -694,6 +695,103 @@ TEST_F(ConnectedReplayTest, DaemonThatCannotBeUsedIsToldApartFromOneThatGoesAway
 
     daemon = Serve();
     EXPECT_TRUE(Replay(kConnect).starts_with(start + "the daemon has "));
+}
+
+// ---- Nodes ----
+
+template <typename Message>
+Message Parsed(const std::string& fields) {
+    Message message;
+    EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(fields, &message));
+    return message;
+}
+
+TEST_F(EndToEndTest, NodesAreResolvedByTheTableInForce) {
+    WriteFile("nodes", "n[1-9] 0x11-0x19 0x21-0x29");
+    const auto daemon = Serve("--nodes DIR/nodes");
+    const auto stub = Connect(Address());
+    auto together = Parsed<v1::TransactRequest>(R"(
+        operations { create_reservation { key: 'A' nodes: 'n[8-9]' guids: [0x11, 0x99] } }
+        operations { update_reservation { key: 'A' add_free_nodes { count: 2 } remove_nodes: 'n8' with_nodes: true } }
+        operations { create_reservation { key: 'B' free_nodes { count: 1 among: ['n[4,3]', 'n3'] } } }
+        operations { begin_job { job_id: 7 nodes: 'n[2,9]' trees: 1 } }
+        dry_run: true)");
+    for (const bool dry_run : {true, false}) {
+        together.set_dry_run(dry_run);
+        v1::TransactReply done;
+        ASSERT_TRUE(Call(*stub, &Stub::Transact, together, &done).ok());
+        EXPECT_TRUE(done.accepted()) << done.DebugString();
+        const v1::ReservationReply& updated = done.replies(1).reservation();
+        EXPECT_EQ(updated.picked_nodes(), "n[2-3]");
+        EXPECT_EQ(updated.reservations(0).nodes().whole(), "n[2-3,9]");
+        EXPECT_EQ(updated.reservations(0).nodes().partial(), "n1");
+        EXPECT_EQ(updated.reservations(0).nodes().num_other_guids(), 1u);
+        EXPECT_EQ(done.replies(2).reservation().picked_nodes(), "n4");
+    }
+    auto listing = Parsed<v1::ListNodesRequest>("nodes: 'n[1,4,9]' guids: [0x98, 0x99] page_size: 2");
+    std::string holders;
+    do {
+        v1::ListNodesReply page;
+        ASSERT_TRUE(Call(*stub, &Stub::ListNodes, listing, &page).ok());
+        for (const v1::NodeInfo& node : page.nodes()) {
+            holders += node.name() + " " + std::to_string(node.state());
+            for (const v1::Hca& hca : node.hcas()) {
+                holders += " " + hca.reservation_key() + (hca.job_ids().empty() ? "" : std::to_string(hca.job_ids(0)));
+            }
+            holders += ";";
+        }
+        listing.set_page_token(page.next_page_token());
+    } while (!listing.page_token().empty());
+    EXPECT_EQ(holders, "n1 2 A ;n4 1 B B;n9 1 A7 A7; 0 ; 1 A;");
+
+    // A session's operations, before and after the table is read again.
+    grpc::ClientContext context;
+    const auto session = stub->Session(&context);
+    const auto answer = [&](const std::string& operation) {
+        v1::SessionReply reply;
+        EXPECT_TRUE(session->Write(Parsed<v1::SessionRequest>("operation {" + operation + "}")) &&
+                    session->Read(&reply));
+        return reply.has_reply() ? reply.reply().reservation().picked_nodes() : reply.error_message();
+    };
+    const std::string create = "create_reservation { key: 'C' nodes: 'x1' }";
+    const std::string unknown = "nodes: node 'x1' is not in the daemon's table of nodes";
+    EXPECT_EQ(answer(create), unknown);
+    WriteFile("nodes", "x1 0x31\nx2 0x31\n");
+    daemon->Signal(SIGHUP);
+    daemon->WaitFor("The table of nodes stays as it is: " + Path("nodes") +
+                    ":2: GUID 0x31 of x2 is x1's already, by line 1");
+    EXPECT_EQ(answer(create), unknown);
+    EXPECT_EQ(answer("update_reservation { key: 'B' add_free_nodes { count: 1 } }"), "n5");
+    WriteFile("nodes", "x[1-40] 0x31-0x58");
+    daemon->Signal(SIGHUP);
+    daemon->WaitFor("names 40 nodes with 40 HCAs");
+    EXPECT_EQ(answer(create), "");
+
+    // Of those who want free nodes at once, none gets another one's: the 39 that are left are given away 3 by 3.
+    std::atomic<int> num_done = 0;
+    std::vector<std::thread> threads;
+    for (const char* client : {"P", "Q", "R", "S"}) {
+        threads.emplace_back([&, own = Connect(Address()), key = std::string(client)] {
+            for (const char* number : {"1", "2", "3", "4"}) {
+                auto request = RequestFor<v1::CreateReservationRequest>(key + number);
+                request.mutable_free_nodes()->set_count(3);
+                v1::ReservationReply reply;
+                EXPECT_TRUE(Call(*own, &Stub::CreateReservation, request, &reply).ok());
+                if (reply.status() == v1::STATUS_SUCCESS) ++num_done;
+                EXPECT_TRUE(reply.status() == v1::STATUS_SUCCESS || reply.status() == v1::STATUS_TOO_FEW_FREE_NODES);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(num_done, 13);
+}
+
+TEST_F(EndToEndTest, FaultyTableOfNodesRefusesTheStart) {
+    WriteFile("nodes", "n1\nn2 0\n");
+    const auto daemon = Launch("--nodes DIR/nodes");
+    EXPECT_EQ(daemon->Wait(), 1);
+    EXPECT_EQ(Replaced(daemon->Output(), dir_.path(), "DIR"),
+              "reservationd: DIR/nodes:1: 'n1' has no GUIDs\nDIR/nodes:2: '0' is no GUID: GUIDs begin at 1\n");
 }
 
 // ---- Sudden death ----

@@ -73,12 +73,12 @@ void AddJobId(CLI::App* command, const DraftPointer<Request>& draft) {
     AddNumber(command, "JOB", 1, UINT64_MAX, "the job's id", set_id)->required();
 }
 
-// Of a listing, which otherwise tells the nodes where the daemon knows them.
+// Of a listing.
 template <typename Request>
-void AddGuidsOnly(CLI::App* command, const DraftPointer<Request>& draft) {
+void AddNoNodes(CLI::App* command, const DraftPointer<Request>& draft) {
     draft->request.set_with_nodes(true);
     const auto clear = [draft] { draft->request.set_with_nodes(false); };
-    command->add_flag_callback("--guids", clear, "show GUIDs where nodes are known, too");
+    command->add_flag_callback("--no-nodes", clear, "show GUIDs where the daemon knows nodes, too");
 }
 
 template <typename Request>
@@ -110,7 +110,7 @@ public:
         CLI::App* const command = Add(job, "list", "list the running jobs", list, ListJobs);
         AddKey(command, "of this reservation only",
                [list](const auto& key) { list->request.set_reservation_key(key); });
-        AddGuidsOnly(command, list);
+        AddNoNodes(command, list);
     }
 
     void AddNodeCommands(CLI::App* app) {
@@ -193,7 +193,7 @@ private:
         const auto draft = std::make_shared<Draft<v1::GetReservationsRequest>>();
         draft->request.set_with_details(true);
         CLI::App* const command = Add(app, "list", "list the reservations", draft, ListReservations);
-        AddGuidsOnly(command, draft);
+        AddNoNodes(command, draft);
         const auto clear_details = [draft] { draft->request.set_with_details(false); };
         command->add_flag_callback("--keys", clear_details, "keys only, one a line")->excludes("--json");
     }

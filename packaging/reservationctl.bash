@@ -9,8 +9,10 @@ _reservationctl() {
     for ((i = 1; i < cword; i++)); do
         case ${words[i]} in
             -*=*) ;;
-            --address | --tls-* | --timeout | --pkey | --guids | --num-trees | --limit | --add | --remove | --planes | \
-                --trees | --pkeys | --from | --count) ((i++)) ;;
+            --address | --tls-* | --timeout | --pkey | --guids | --nodes | --free | --among | --num-trees | --limit | --add | \
+                --remove | --add-nodes | --remove-nodes | --add-free | --planes | --trees | --pkeys | --from | --count)
+                ((i++))
+                ;;
             -*) ;;
             *)
                 case $command in
@@ -39,19 +41,21 @@ _reservationctl() {
             compopt -o nospace
             return
             ;;
-        --address | --timeout | --pkey | --num-trees | --planes | --trees | --pkeys | --from | --count) return ;;
+        --address | --timeout | --pkey | --nodes | --free | --among | --num-trees | --add-nodes | --remove-nodes | \
+            --add-free | --planes | --trees | --pkeys | --from | --count) return ;;
     esac
 
     local options='--json'
     case $command in
         '') options='--version' ;;
-        create) options+=' --pkey --guids --num-trees --limit --auto-created --dry-run' ;;
-        update) options+=' --add --remove --dry-run' ;;
+        create) options+=' --pkey --guids --nodes --free --among --num-trees --limit --auto-created --dry-run' ;;
+        update) options+=' --add --remove --add-nodes --remove-nodes --add-free --among --dry-run' ;;
         delete) options+=' --dry-run' ;;
-        list) options+=' --keys' ;;
+        list) options+=' --keys --no-nodes' ;;
         apply) options='--yes --dry-run' ;;
         job | pkeys) options='' ;;
-        'job begin') options+=' --guids --planes --trees' ;;
+        'job begin') options+=' --guids --nodes --planes --trees' ;;
+        'job list') options+=' --no-nodes' ;;
         'pkeys report') options+=' --pkeys' ;;
         watch) options+=' --from --count' ;;
     esac
@@ -61,7 +65,7 @@ _reservationctl() {
     fi
 
     case $command in
-        '') COMPREPLY=($(compgen -W 'create update delete list show apply job pkeys watch status' -- "$cur")) ;;
+        '') COMPREPLY=($(compgen -W 'create update delete list show apply job who nodes pkeys watch status' -- "$cur")) ;;
         job) COMPREPLY=($(compgen -W 'begin end list' -- "$cur")) ;;
         pkeys) COMPREPLY=($(compgen -W 'report' -- "$cur")) ;;
         apply) _filedir ;;

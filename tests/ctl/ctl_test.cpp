@@ -333,7 +333,7 @@ exit 6
 $ job list
 JOB  RESERVATION  PLANES  TREES  COUNTED  HCAS  NODES
   7  A                 1      1  yes         4  node[01-02]
-$ list --guids
+$ list --no-nodes
 KEY  PKEY  HCAS           TREES  JOBS  GUIDS
 A     0x1     7  1 of unlimited     1  0x11-0x14,0x21-0x23
 $ who node02 0x14-0x15 0x99

@@ -542,6 +542,7 @@ for name in daemon operator viewer stranger; do make $name /CN=$name "$(signed_b
         {service + "BeginJob", false},
         {service + "EndJob", false},
         {service + "ListJobs", true},
+        {service + "ListNodes", true},
         {service + "ReportPort", false},
         {service + "Transact", false},
         {service + "Session", false},

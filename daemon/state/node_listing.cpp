@@ -16,7 +16,7 @@ namespace reservationd {
 
 namespace {
 
-// What a request wants listed.
+// What a request wants listed, if that is not the whole table.
 struct Selection {
     std::vector<const Node*> nodes;    // in the order of the table
     std::vector<uint64_t> other_guids;    // ascending
@@ -30,10 +30,6 @@ void SortAndUnite(std::vector<Value>& values) {
 
 Selection Select(const NodeTable& table, const v1::ListNodesRequest& request) {
     Selection selection;
-    if (request.guids().empty()) {
-        for (const Node& node : table.nodes()) selection.nodes.push_back(&node);
-        return selection;
-    }
     for (const uint64_t guid : request.guids()) {
         const Node* const node = table.FindByGuid(guid);
         if (node != nullptr) {
@@ -93,16 +89,16 @@ private:
 void ListNodes(const ReservationState& state, const NodeTable& table, const v1::ListNodesRequest& request,
                v1::ListNodesReply* reply) {
     const Selection selection = Select(table, request);
-    const size_t num_entries = selection.nodes.size() + selection.other_guids.size();
+    const bool is_whole_table = request.guids().empty();
+    const size_t num_nodes = is_whole_table ? table.nodes().size() : selection.nodes.size();
+    const size_t num_entries = num_nodes + selection.other_guids.size();
     size_t next = 0;
     if (!absl::SimpleAtoi(request.page_token(), &next)) next = 0;
     Describer describer(state);
     const auto describe = [&](size_t entry, v1::NodeInfo* info) {
-        if (entry < selection.nodes.size()) {
-            const Node& node = *selection.nodes[entry];
-            return describer.Describe(node.name, node.guids, info);
-        }
-        describer.Describe("", {selection.other_guids[entry - selection.nodes.size()]}, info);
+        if (entry >= num_nodes) return describer.Describe("", {selection.other_guids[entry - num_nodes]}, info);
+        const Node& node = is_whole_table ? table.nodes()[entry] : *selection.nodes[entry];
+        describer.Describe(node.name, node.guids, info);
     };
     PageLimit limit(request.page_size());
     for (; next < num_entries && limit.HasRoom(); ++next) {

@@ -162,6 +162,8 @@ std::string Describe(const v1::Reservation& reservation) {
         {"key", util::Printable(reservation.key())},
         {"id", std::to_string(reservation.id())},
         {"state", DescribeState(reservation)},
+        {"created",
+         reservation.created_unix_millis() == 0 ? "not known" : DescribeTime(reservation.created_unix_millis())},
         {"pkey", FormatHex(reservation.pkey())},
         {"made from pkeys", YesOrNo(reservation.auto_created())},
         {"limits", DescribeLimits(reservation.limits())},
@@ -192,12 +194,13 @@ std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Job>& j
 }
 
 std::string DescribeHcas(const google::protobuf::RepeatedPtrField<v1::NodeInfo>& nodes) {
-    Table table({{"NODE"}, {"GUID"}, {"RESERVATION"}, {"PKEY", Table::Align::kRight}, {"JOBS"}});
+    Table table({{"NODE"}, {"GUID"}, {"RESERVATION"}, {"PKEY", Table::Align::kRight}, {"SINCE"}, {"JOBS"}});
     for (const v1::NodeInfo& node : nodes) {
         for (const v1::Hca& hca : node.hcas()) {
             const bool is_free = hca.reservation_key().empty();
             table.AddRow({node.name().empty() ? "-" : util::Printable(node.name()), FormatHex(hca.guid()),
                           is_free ? "-" : util::Printable(hca.reservation_key()), is_free ? "-" : FormatHex(hca.pkey()),
+                          hca.created_unix_millis() == 0 ? "-" : DescribeTime(hca.created_unix_millis()),
                           hca.job_ids().empty() ? "-" : JoinNumbers(hca.job_ids())});
         }
     }

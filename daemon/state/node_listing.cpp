@@ -58,6 +58,7 @@ public:
             ++num_reserved;
             hca->set_reservation_key(owner->info.reservation_key);
             hca->set_pkey(owner->info.pkey);
+            hca->set_created_unix_millis(state_.CreatedUnixMillis(owner->info.reservation_key));
             const std::vector<uint64_t>& job_ids = JobsOf(*owner)[guid];
             hca->mutable_job_ids()->Add(job_ids.begin(), job_ids.end());
         }

@@ -58,7 +58,7 @@ public:
 
     void CreateReservationInfoFile(const vesk_reservation_info& info, const std::string&) override {
         const uint64_t id = GetReservationInfoByKey(info.reservation_key)->reservation_id;
-        changes_.reservations.insert_or_assign(info.reservation_key, StoredReservation{PackRecord(info), id});
+        changes_.reservations.insert_or_assign(info.reservation_key, StoredReservation{PackRecord(info), id, 0});
     }
 
     void UpdateReservationInfoFile(const vesk_reservation_info& info, const std::string& dir) override {
@@ -153,15 +153,20 @@ void ReservationState::GetReservations(const v1::GetReservationsRequest& request
     with_details_ = request.with_details();
     manager_->ReservationInfoRequest(ToRecord(request), nullptr, 0);
     if (reply->status() != v1::STATUS_SUCCESS) reply->set_reason(context_.reason);
+    if (!request.with_details()) return;
+    for (v1::Reservation& listed : *reply->mutable_reservations()) {
+        listed.set_created_unix_millis(CreatedUnixMillis(listed.key()));
+    }
 }
 
 // The manager knows no pages.
 void ReservationState::ListReservations(const v1::GetReservationsRequest& request, v1::ReservationReply* reply) const {
-    const auto describe = [&request](const ReservationInfo& reservation, v1::Reservation* listed) {
+    const auto describe = [&](const ReservationInfo& reservation, v1::Reservation* listed) {
         DescribeSummary(reservation.info, listed);
         if (!request.with_details()) return;
         DescribeDetails(reservation.info, listed);
         DescribeAccount(reservation, listed);
+        listed->set_created_unix_millis(CreatedUnixMillis(listed->key()));
     };
     reply->set_status_name(v1::Status_Name(v1::STATUS_SUCCESS));
     const auto last = FillPage(manager_->reservations, request.page_token(), request.page_size(), describe,
@@ -409,6 +414,7 @@ void ReservationState::ReportPort(const v1::ReportPortRequest& request, v1::Repo
 
 void ReservationState::AddReservationCreatedEvent(const char* key) {
     AddReservationEvent(v1::Event::KIND_RESERVATION_CREATED, key);
+    created_unix_millis_[key] = changes_.events.back().time_unix_millis();
 }
 
 void ReservationState::AddReservationUpdatedEvent(const char* key) {
@@ -417,6 +423,7 @@ void ReservationState::AddReservationUpdatedEvent(const char* key) {
 
 void ReservationState::AddReservationRemovedEvent(const char* key) {
     AddReservationEvent(v1::Event::KIND_RESERVATION_REMOVED, key);
+    created_unix_millis_.erase(key);
 }
 
 void ReservationState::AddReservationEvent(v1::Event::Kind kind, const std::string& key) {
@@ -436,6 +443,11 @@ void ReservationState::AddJobEvent(v1::Event::Kind kind, const VeskJob& job) {
     event.set_reason(context_.reason);
 }
 
+int64_t ReservationState::CreatedUnixMillis(const std::string& key) const {
+    const auto found = created_unix_millis_.find(key);
+    return found != created_unix_millis_.end() ? found->second : 0;
+}
+
 ReservationInfo* ReservationState::OwnerOf(uint64_t guid) const {
     const auto found = manager_->hca_infos.find(guid);
     return found != manager_->hca_infos.end() ? found->second.reservation : nullptr;
@@ -445,6 +457,9 @@ ReservationInfo* ReservationState::OwnerOf(uint64_t guid) const {
 
 StateChanges ReservationState::TakeChanges() {
     StateChanges changes = std::exchange(changes_, {});
+    for (auto& [key, reservation] : changes.reservations) {
+        if (reservation) reservation->created_unix_millis = CreatedUnixMillis(key);
+    }
     for (const uint64_t job_id : changed_job_ids_) {
         const Job* const job = jobs_.Find(job_id);
         changes.jobs[job_id] = job != nullptr ? std::optional(job->description.SerializeAsString()) : std::nullopt;
@@ -462,12 +477,14 @@ void ReservationState::AddJob(uint64_t job_id, const std::string& packed) {
 
 void ReservationState::Restore(const std::string& key, const StoredReservation& stored) {
     Enter(Unpack(key, stored.packed), stored.id);
+    created_unix_millis_[key] = stored.created_unix_millis;
 }
 
 void ReservationState::Adopt(const std::string& key, const std::string& packed, uint64_t id, v1::Event::Kind kind) {
     AddReservationEvent(kind, key);
     Enter(Unpack(key, packed), id);
-    changes_.reservations[key] = StoredReservation{packed, manager_->GetReservationInfoByKey(key)->reservation_id};
+    created_unix_millis_[key] = NowInUnixMillis();
+    changes_.reservations[key] = StoredReservation{packed, manager_->GetReservationInfoByKey(key)->reservation_id, 0};
 }
 
 void ReservationState::Drop(const std::string& key) {

@@ -11,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "daemon/state/conflict.h"
@@ -100,6 +101,9 @@ public:
     // The reservation that this HCA is in, or null.
     const ReservationInfo* FindOwner(uint64_t guid) const { return OwnerOf(guid); }
 
+    // When the reservation with this key was created; 0: not known.
+    int64_t CreatedUnixMillis(const std::string& key) const;
+
     // Create and update requests refused so far.
     uint64_t failed_requests() const { return failed_requests_; }
 
@@ -139,7 +143,8 @@ private:
     JobTable jobs_;
     // The manager may look at a job until the operation that ended it is over: kept until TakeChanges.
     std::vector<std::unique_ptr<Job>> ended_jobs_;
-    StateChanges changes_;    // without the jobs
+    std::unordered_map<std::string, int64_t> created_unix_millis_;    // by key
+    StateChanges changes_;    // without the jobs, and when reservations were created
     std::set<uint64_t> changed_job_ids_;
     const std::unique_ptr<ReservationManager> manager_;
     v1::ReservationReply* reply_ = nullptr;    // of the request under way

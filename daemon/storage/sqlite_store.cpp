@@ -21,19 +21,19 @@ using sqlite::ColumnUint64;
 using sqlite::ForEachRow;
 using sqlite::Run;
 
-constexpr int kSchemaVersion = 4;
+constexpr int kSchemaVersion = 5;
 constexpr uint64_t kProbeSize = 4096;    // bytes
 
 constexpr char kSchema[] = R"(
     CREATE TABLE reservations (row INTEGER PRIMARY KEY, key TEXT NOT NULL, packed TEXT NOT NULL, id INTEGER NOT NULL,
-        checksum INTEGER NOT NULL);
+        checksum INTEGER NOT NULL, created INTEGER NOT NULL);
     CREATE TABLE jobs (job_id INTEGER PRIMARY KEY, job BLOB NOT NULL, checksum INTEGER NOT NULL);
     CREATE TABLE events (sequence INTEGER PRIMARY KEY, event BLOB NOT NULL, checksum INTEGER NOT NULL);
     CREATE TABLE damaged (kind TEXT, name, content BLOB, found TEXT DEFAULT CURRENT_TIMESTAMP);
     CREATE TABLE identity (id TEXT NOT NULL, generation INTEGER NOT NULL, revision_offset INTEGER NOT NULL);
     CREATE TABLE probe (name TEXT PRIMARY KEY, content BLOB) WITHOUT ROWID;
     INSERT INTO identity VALUES (lower(hex(randomblob(16))), 0, 0);
-    PRAGMA user_version = 4;
+    PRAGMA user_version = 5;
 )";
 
 [[noreturn]] void Fail(const std::string& path, const char* what, const SQLite::Exception& error) {
@@ -100,7 +100,8 @@ StoreIdentity BeginGeneration(SQLite::Database& database, bool has_loss) {
 
 // The checksum of a row covers its key, so that a row is not taken for another one's either.
 uint64_t Checksum(const std::string& key, const StoredReservation& reservation) {
-    return HashBytes(reservation.packed) ^ HashBytes(key + '\0' + std::to_string(reservation.id));
+    const std::string numbers = std::to_string(reservation.id) + '\0' + std::to_string(reservation.created_unix_millis);
+    return HashBytes(reservation.packed) ^ HashBytes(key + '\0' + numbers);
 }
 
 uint64_t Checksum(uint64_t number, const std::string& content) {
@@ -110,12 +111,14 @@ uint64_t Checksum(uint64_t number, const std::string& content) {
 // Calls `handle` with the number of the row, key, reservation, and whether the row is undamaged.
 template <typename Handle>
 void ForEachReservation(SQLite::Database& database, Handle handle) {
-    ForEachRow(database, "SELECT row, key, packed, id, checksum FROM reservations", [&](SQLite::Statement& row) {
-        std::string key = ColumnBytes(row, 1);
-        StoredReservation reservation{ColumnBytes(row, 2), ColumnUint64(row, 3)};
-        const bool is_good = Checksum(key, reservation) == ColumnUint64(row, 4);
-        handle(ColumnUint64(row, 0), std::move(key), std::move(reservation), is_good);
-    });
+    ForEachRow(database, "SELECT row, key, packed, id, checksum, created FROM reservations",
+               [&](SQLite::Statement& row) {
+                   std::string key = ColumnBytes(row, 1);
+                   StoredReservation reservation{ColumnBytes(row, 2), ColumnUint64(row, 3),
+                                                 static_cast<int64_t>(ColumnUint64(row, 5))};
+                   const bool is_good = Checksum(key, reservation) == ColumnUint64(row, 4);
+                   handle(ColumnUint64(row, 0), std::move(key), std::move(reservation), is_good);
+               });
 }
 
 // Calls `handle` with number, content, and whether the row is undamaged. The query gives these two and the checksum.
@@ -150,7 +153,7 @@ SqliteStore::SqliteStore(const std::string& path, Durability durability, uint64_
       identity_(BeginGeneration(database_, !loss_.empty())),
       files_(FindFiles()),
       revision_(ReadRevision(database_)),
-      put_reservation_(database_, "REPLACE INTO reservations VALUES (?, ?, ?, ?, ?)"),
+      put_reservation_(database_, "REPLACE INTO reservations VALUES (?, ?, ?, ?, ?, ?)"),
       delete_reservation_(database_, "DELETE FROM reservations WHERE row = ?"),
       put_job_(database_, "REPLACE INTO jobs VALUES (?, ?, ?)"),
       delete_job_(database_, "DELETE FROM jobs WHERE job_id = ?"),
@@ -223,7 +226,8 @@ void SqliteStore::Commit(const StoreChanges& changes) {
             const auto row = rows_.find(key);
             if (reservation) {
                 Run(put_reservation_, row != rows_.end() ? row->second : ++last_row, key, reservation->packed,
-                    reservation->id, Checksum(key, *reservation));
+                    reservation->id, Checksum(key, *reservation),
+                    static_cast<uint64_t>(reservation->created_unix_millis));
             } else if (row != rows_.end()) {
                 Run(delete_reservation_, row->second);
             }

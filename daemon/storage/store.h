@@ -32,6 +32,7 @@ struct StoreIdentity {
 struct StoredReservation {
     std::string packed;    // its record, as dov_msg_pack packs it
     uint64_t id = 0;
+    int64_t created_unix_millis = 0;    // 0: not known
 
     bool operator==(const StoredReservation&) const = default;
 };

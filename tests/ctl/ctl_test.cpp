@@ -235,6 +235,7 @@ $ show größe
 key              größe
 id               9134505343215937736
 state            active
+created          TIME
 pkey             0x8001
 made from pkeys  yes
 limits           limit0=0,num_trees=8
@@ -337,14 +338,14 @@ $ list --no-nodes
 KEY  PKEY  HCAS           TREES  JOBS  GUIDS
 A     0x1     7  1 of unlimited     1  0x11-0x14,0x21-0x23
 $ who node02 0x14-0x15 0x99
-NODE    GUID  RESERVATION  PKEY  JOBS
-node02  0x12  A             0x1  7
-node02  0x22  A             0x1  7
-node04  0x14  A             0x1  -
-node04  0x24  -               -  -
-node05  0x15  -               -  -
-node05  0x25  -               -  -
--       0x99  -               -  -
+NODE    GUID  RESERVATION  PKEY  SINCE                 JOBS
+node02  0x12  A             0x1  TIME  7
+node02  0x22  A             0x1  TIME  7
+node04  0x14  A             0x1  TIME  -
+node04  0x24  -               -  -                     -
+node05  0x15  -               -  -                     -
+node05  0x25  -               -  -                     -
+-       0x99  -               -  -                     -
 $ job end 7
 job 7 ended
 $ apply DIR/declared --yes

@@ -162,7 +162,13 @@ TEST_F(DaemonTest, WhatWasAnsweredSurvivesTheProcessAndDamagedFiles) {
         daemon.Begin("job_id: 7 guids: [1, 4] trees: 2");
         EXPECT_THROW(Engine second(settings), std::runtime_error);
     });
-    { const Daemon writes_the_files(settings); }
+    const auto created = [](Daemon& daemon) {
+        return daemon.Call(false, &ReservationState::GetReservations, "key: 'A' with_details: true")
+            .reservations(0)
+            .created_unix_millis();
+    };
+    const int64_t created_before = created(*std::make_unique<Daemon>(settings));
+    EXPECT_GT(created_before, 0);
     const std::string packed_a = Content(PathOf("reservation.A"));
     for (const char* name : {"reservation.A", "reservation.damaged"}) Write(PathOf(name), packed_a.substr(0, 40));
     fs::remove(PathOf("reservation.B"));
@@ -173,6 +179,7 @@ TEST_F(DaemonTest, WhatWasAnsweredSurvivesTheProcessAndDamagedFiles) {
               "B {8,9,} 0 trees, jobs\n"
               "job 7 of A\n");
     EXPECT_FALSE(fs::exists(PathOf("reservationd.sqlite-shm")) || fs::exists(PathOf("mirror.sqlite-shm")));
+    EXPECT_EQ(created(*daemon), created_before);
     // The job that runs is admitted again without being counted again.
     EXPECT_EQ(daemon->Begin("job_id: 7 guids: [4, 1] trees: 2").reservation_key(), "A");
     EXPECT_EQ(daemon->Begin("job_id: 7 guids: [1] trees: 2").result(), v1::BeginJobReply::RESULT_ALREADY_RUNNING);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "util/guid_list.h"
 #include "util/host_expression.h"
 #include "util/text.h"
 
@@ -60,10 +61,43 @@ absl::Status ReplaceByGuids(const NodeTable& table, const char* field, Expressio
     return absl::OkStatus();
 }
 
-absl::Status CheckFreeNodes(const NodeTable& table, const std::string& field, const v1::FreeNodes& wanted) {
-    if (wanted.count() == 0) return absl::InvalidArgumentError(field + ".count is 0, at least 1 is possible");
+template <typename Value>
+void SortAndUnite(std::vector<Value>& values) {
+    std::sort(values.begin(), values.end());
+    values.erase(std::unique(values.begin(), values.end()), values.end());
+}
+
+// Leaves the first GUID of each node, in the order of the table, and then those that are no node's, of which it returns
+// the number.
+size_t LeaveOneGuidOfEach(const NodeTable& table, Guids* guids) {
+    std::vector<const Node*> nodes;
+    std::vector<uint64_t> others;
+    for (const uint64_t guid : *guids) {
+        const Node* const node = table.FindByGuid(guid);
+        if (node != nullptr) {
+            nodes.push_back(node);
+        } else {
+            others.push_back(guid);
+        }
+    }
+    SortAndUnite(nodes);
+    SortAndUnite(others);
+    guids->Clear();
+    for (const Node* node : nodes) guids->Add(node->guids.front());
+    guids->Add(others.begin(), others.end());
+    return others.size();
+}
+
+absl::Status ResolveFreeNodes(const NodeTable& table, const std::string& field, v1::FreeNodes* wanted) {
+    if (wanted->count() == 0) return absl::InvalidArgumentError(field + ".count is 0, at least 1 is possible");
     if (table.nodes().empty()) return absl::InvalidArgumentError(field + ": the daemon's option nodes gives none");
-    return FindNodes(table, (field + ".among").c_str(), wanted.among()).status();
+    Guids* const guids = wanted->mutable_among_guids();
+    absl::Status status = ReplaceByGuids(table, (field + ".among").c_str(), wanted->mutable_among(), guids);
+    if (status.ok() && LeaveOneGuidOfEach(table, guids) > 0) {
+        status = absl::InvalidArgumentError(
+            absl::StrCat(field, ".among_guids: GUID ", util::FormatHex(*guids->rbegin()), " is no node's"));
+    }
+    return status;
 }
 
 // ---- Replies ----
@@ -110,7 +144,7 @@ void TellPickedNodes(const Expressions& picked, v1::ReservationReply* reply) {
 
 absl::Status ResolveNodes(const NodeTable& table, v1::CreateReservationRequest* request) {
     absl::Status status = ReplaceByGuids(table, "nodes", request->mutable_nodes(), request->mutable_guids());
-    if (request->has_free_nodes()) status.Update(CheckFreeNodes(table, "free_nodes", request->free_nodes()));
+    if (request->has_free_nodes()) status.Update(ResolveFreeNodes(table, "free_nodes", request->mutable_free_nodes()));
     return status;
 }
 
@@ -120,7 +154,7 @@ absl::Status ResolveNodes(const NodeTable& table, v1::UpdateReservationRequest* 
     status.Update(
         ReplaceByGuids(table, "remove_nodes", request->mutable_remove_nodes(), request->mutable_remove_guids()));
     if (request->has_add_free_nodes()) {
-        status.Update(CheckFreeNodes(table, "add_free_nodes", request->add_free_nodes()));
+        status.Update(ResolveFreeNodes(table, "add_free_nodes", request->mutable_add_free_nodes()));
     }
     return status;
 }
@@ -130,7 +164,9 @@ absl::Status ResolveNodes(const NodeTable& table, v1::BeginJobRequest* request) 
 }
 
 absl::Status ResolveNodes(const NodeTable& table, v1::ListNodesRequest* request) {
-    return ReplaceByGuids(table, "nodes", request->mutable_nodes(), request->mutable_guids());
+    absl::Status status = ReplaceByGuids(table, "nodes", request->mutable_nodes(), request->mutable_guids());
+    LeaveOneGuidOfEach(table, request->mutable_guids());
+    return status;
 }
 
 absl::Status ResolveNodes(const NodeTable& table, v1::Operation* operation) {

@@ -12,8 +12,9 @@ namespace reservationd {
 namespace v1 = reservation::v1;
 
 // Each replaces the nodes that the request names by the GUIDs of their HCAs, which come after those that it names
-// itself, and checks what it says of free nodes. INVALID_ARGUMENT, with the field and the expression or the node, when
-// an expression cannot be read or a node is not in the table.
+// itself. Where nodes are to be listed or to be picked from, one GUID of each is left, in the order of the table; then,
+// of a listing, those that are no node's, ascending. INVALID_ARGUMENT, with the field and the expression or the node,
+// when an expression cannot be read or a node is not in the table.
 absl::Status ResolveNodes(const NodeTable& table, v1::CreateReservationRequest* request);
 absl::Status ResolveNodes(const NodeTable& table, v1::UpdateReservationRequest* request);
 absl::Status ResolveNodes(const NodeTable& table, v1::BeginJobRequest* request);

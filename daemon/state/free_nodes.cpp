@@ -1,7 +1,5 @@
 #include "daemon/state/free_nodes.h"
 
-#include <absl/status/statusor.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <string>
@@ -13,19 +11,6 @@
 namespace reservationd {
 
 namespace {
-
-// Among these nodes of the table; in its order. A node that it has lost since the request was checked is left out.
-std::vector<const Node*> FindCandidates(const NodeTable& table, const v1::FreeNodes& wanted) {
-    std::vector<const Node*> nodes;
-    for (const std::string& expression : wanted.among()) {
-        const auto names = util::ExpandHosts(expression);
-        for (const std::string& name : *names) nodes.push_back(table.FindByName(name));
-    }
-    std::erase(nodes, nullptr);
-    std::sort(nodes.begin(), nodes.end());
-    nodes.erase(std::unique(nodes.begin(), nodes.end()), nodes.end());
-    return nodes;
-}
 
 // Goes through the operations of a request.
 class Picker {
@@ -55,14 +40,14 @@ public:
 private:
     bool Pick(const v1::FreeNodes& wanted, google::protobuf::RepeatedField<uint64_t>* guids,
               google::protobuf::RepeatedPtrField<std::string>* expressions) {
+        const bool is_among_all = wanted.among_guids().empty();
+        const size_t num_candidates =
+            is_among_all ? table_.nodes().size() : static_cast<size_t>(wanted.among_guids().size());
         std::vector<const Node*> picked;
-        const auto consider = [&](const Node& node) {
-            if (picked.size() < wanted.count() && IsFree(node)) picked.push_back(&node);
-        };
-        if (wanted.among().empty()) {
-            for (const Node& node : table_.nodes()) consider(node);
-        } else {
-            for (const Node* node : FindCandidates(table_, wanted)) consider(*node);
+        for (size_t i = 0; i < num_candidates && picked.size() < wanted.count(); ++i) {
+            const Node& node =
+                is_among_all ? table_.nodes()[i] : *table_.FindByGuid(wanted.among_guids(static_cast<int>(i)));
+            if (IsFree(node)) picked.push_back(&node);
         }
         if (picked.size() < wanted.count()) return false;
         std::vector<std::string> names;

@@ -6,14 +6,13 @@
 
 #include <algorithm>
 #include <iostream>
-#include <sstream>
 #include <vector>
 
 #include "ctl/apply_plan.h"
 #include "ctl/declaration.h"
 #include "ctl/describe.h"
+#include "ctl/input.h"
 #include "ctl/refusal.h"
-#include "util/file.h"
 
 namespace reservationctl {
 namespace {
@@ -32,14 +31,8 @@ GuidList FindGuidsOf(const Client& client, const std::vector<std::string>& expre
 
 Reservations ReadDeclaration(const std::string& path, const Client& client) {
     const auto find_guids = [&client](const auto& expressions) { return FindGuidsOf(client, expressions); };
-    if (path == "-") {
-        std::ostringstream content;
-        content << std::cin.rdbuf();
-        return ParseDeclaration(content.str(), "standard input", find_guids);
-    }
-    const absl::StatusOr<std::string> content = util::ReadWholeFile(path);
-    if (!content.ok()) throw UsageError(std::string(content.status().message()));
-    return ParseDeclaration(*content, path, find_guids);
+    const Input input = ReadInput(path);
+    return ParseDeclaration(input.content, input.name, find_guids);
 }
 
 // ---- Plan ----

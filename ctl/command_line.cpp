@@ -13,6 +13,7 @@
 #include "ctl/apply.h"
 #include "ctl/commands.h"
 #include "ctl/options.h"
+#include "ctl/reconcile.h"
 #include "util/limits.h"
 #include "util/text.h"
 
@@ -35,6 +36,7 @@ constexpr char kFooter[] =
     "  reservationctl apply backup.json";
 
 constexpr uint64_t kMaxTimeout = 24 * 60 * 60;    // seconds
+constexpr uint64_t kMaxUnixSeconds = 253'402'300'799;    // the end of the year 9999
 
 struct CommandLine {
     client::ConnectionOptions connection;
@@ -82,6 +84,13 @@ void AddNoNodes(CLI::App* command, const DraftPointer<Request>& draft) {
 }
 
 template <typename Request>
+void AddStart(CLI::App* command, const std::string& help, const DraftPointer<Request>& draft) {
+    AddNumber(command, "--start", 1, kMaxUnixSeconds, help, [draft](int64_t seconds) {
+        draft->request.set_start_unix_millis(seconds * 1000);
+    })->type_name("TIME");
+}
+
+template <typename Request>
 void AddDryRun(CLI::App* command, const DraftPointer<Request>& draft) {
     const auto set_dry_run = [draft] { draft->request.set_dry_run(true); };
     command->add_flag_callback("--dry-run", set_dry_run, "show what would happen, and change nothing");
@@ -104,13 +113,13 @@ public:
     void AddJobCommands(CLI::App* app) {
         CLI::App* const job = AddGroup(app, "job", "begin, end and list jobs");
         AddBegin(job);
-        const auto end = std::make_shared<Draft<v1::EndJobRequest>>();
-        AddJobId(Add(job, "end", "take a job that ended out of the counts", end, EndJob), end);
+        AddEnd(job);
         const auto list = std::make_shared<Draft<v1::ListJobsRequest>>();
         CLI::App* const command = Add(job, "list", "list the running jobs", list, ListJobs);
         AddKey(command, "of this reservation only",
                [list](const auto& key) { list->request.set_reservation_key(key); });
         AddNoNodes(command, list);
+        AddReconcile(job);
     }
 
     void AddNodeCommands(CLI::App* app) {
@@ -230,6 +239,38 @@ private:
         AddNumber(command, "--trees", 1, util::kMaxTrees, "its trees in each plane; default: 1",
                   [request](uint32_t trees) { request->set_trees(trees); });
         request->set_trees(1);
+        AddStart(command, "when the scheduler started it, in seconds since 1970; ends an earlier job with this id",
+                 draft);
+        AddText(command, "--reservation", "only into this reservation", [request](const std::string& key) {
+            request->set_reservation_key(key);
+        })->type_name("KEY");
+    }
+
+    void AddEnd(CLI::App* job) {
+        const auto draft = std::make_shared<Draft<v1::EndJobRequest>>();
+        CLI::App* const command = Add(job, "end", "take a job that ended out of the counts", draft, EndJob);
+        AddJobId(command, draft);
+        AddStart(command, "leave a job alone that began later, in seconds since 1970", draft);
+    }
+
+    void AddReconcile(CLI::App* job) {
+        const auto settings = std::make_shared<ReconcileSettings>();
+        CLI::App* const command =
+            job->add_subcommand("reconcile", "end the jobs that the scheduler does not know")->fallthrough();
+        command
+            ->add_option("--from", settings->path,
+                         "the scheduler's jobs: ID START a line, in seconds since 1970; -: standard input")
+            ->type_name("FILE")
+            ->required();
+        AddNumber(command, "--min-age", 0, kMaxTimeout,
+                  "leave jobs alone that began less than so many seconds ago, maybe after the list was made; "
+                  "default: 60",
+                  [settings](uint64_t seconds) { settings->min_age = std::chrono::seconds(seconds); });
+        command->add_flag("--all", settings->all, "also end jobs that began without a start time");
+        command->add_flag("--dry-run", settings->dry_run, "show what would be ended, and end nothing");
+        command->callback([this, settings] {
+            line_.command = [settings](const Client& client) { return ReconcileJobs(client, *settings); };
+        });
     }
 
     void AddReport(CLI::App* pkeys) {

@@ -180,13 +180,14 @@ std::string DescribeInTable(const google::protobuf::RepeatedPtrField<v1::Job>& j
     const PlacesColumn places(jobs);
     Table table({{"JOB", kRight},
                  {"RESERVATION"},
+                 {"STARTED"},
                  {"PLANES", kRight},
                  {"TREES", kRight},
                  {"COUNTED"},
                  {"HCAS", kRight},
                  {places.title()}});
     for (const v1::Job& job : jobs) {
-        table.AddRow({std::to_string(job.job_id()), util::Printable(job.reservation_key()),
+        table.AddRow({std::to_string(job.job_id()), util::Printable(job.reservation_key()), DescribeStart(job),
                       std::to_string(job.planes()), std::to_string(job.trees()), YesOrNo(job.accounted()),
                       std::to_string(job.guids_size()), places.Cell(job)});
     }
@@ -226,6 +227,10 @@ std::string DescribeNodes(const google::protobuf::RepeatedPtrField<v1::NodeInfo>
     return table.ToString() + fmt::format("{}: {} free, {} reserved, {} in part\n",
                                           Count(static_cast<size_t>(nodes.size()), "node"), counts["free"],
                                           counts["reserved"], counts["in part"]);
+}
+
+std::string DescribeStart(const v1::Job& job) {
+    return job.start_unix_millis() == 0 ? "-" : DescribeTime(job.start_unix_millis());
 }
 
 std::string Describe(const v1::DaemonInfo& info) {

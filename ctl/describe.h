@@ -34,6 +34,9 @@ std::string Describe(const reservation::v1::Reservation& reservation);
 // One line for each job, likewise.
 std::string DescribeInTable(const google::protobuf::RepeatedPtrField<reservation::v1::Job>& jobs);
 
+// When a job was started, or "-": part of a line.
+std::string DescribeStart(const reservation::v1::Job& job);
+
 std::string Describe(const reservation::v1::DaemonInfo& info);
 std::string Describe(const reservation::v1::Event& event);
 

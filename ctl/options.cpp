@@ -38,16 +38,16 @@ void AddExpression(const std::string& expression, const std::string& option,
     nodes->Add(std::string(expression));
 }
 
-CLI::Option* AddText(CLI::App* command, const std::string& name, const std::string& help, const SetText& set) {
-    return command->add_option_function<std::string>(name, set, help)->type_name("");
-}
-
 // Can be repeated.
 CLI::Option* AddTexts(CLI::App* command, const std::string& name, const std::string& help, const SetTexts& set) {
     return command->add_option_function<std::vector<std::string>>(name, set, help)->allow_extra_args(false);
 }
 
 }    // namespace
+
+CLI::Option* AddText(CLI::App* command, const std::string& name, const std::string& help, const SetText& set) {
+    return command->add_option_function<std::string>(name, set, help)->type_name("");
+}
 
 CLI::Option* AddNumber(CLI::App* command, const std::string& name, uint64_t min, uint64_t max, const std::string& help,
                        const SetNumber& set) {

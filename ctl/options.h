@@ -17,6 +17,8 @@ namespace reservationctl {
 using SetText = std::function<void(const std::string& text)>;
 using SetNumber = std::function<void(uint64_t number)>;
 
+CLI::Option* AddText(CLI::App* command, const std::string& name, const std::string& help, const SetText& set);
+
 // Decimal, or hexadecimal with 0x, from `min` to `max`.
 CLI::Option* AddNumber(CLI::App* command, const std::string& name, uint64_t min, uint64_t max, const std::string& help,
                        const SetNumber& set);

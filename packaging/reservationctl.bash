@@ -10,7 +10,8 @@ _reservationctl() {
         case ${words[i]} in
             -*=*) ;;
             --address | --tls-* | --timeout | --pkey | --guids | --nodes | --free | --among | --num-trees | --limit | --add | \
-                --remove | --add-nodes | --remove-nodes | --add-free | --planes | --trees | --pkeys | --from | --count)
+                --remove | --add-nodes | --remove-nodes | --add-free | --planes | --trees | --pkeys | --from | --count | \
+                --start | --reservation | --min-age)
                 ((i++))
                 ;;
             -*) ;;
@@ -28,6 +29,10 @@ _reservationctl() {
             _filedir
             return
             ;;
+        --from)
+            [ "$command" = 'job reconcile' ] && _filedir
+            return
+            ;;
         --guids | --add | --remove)
             if [[ $cur == @* ]]; then
                 cur=${cur#@}
@@ -42,7 +47,7 @@ _reservationctl() {
             return
             ;;
         --address | --timeout | --pkey | --nodes | --free | --among | --num-trees | --add-nodes | --remove-nodes | \
-            --add-free | --planes | --trees | --pkeys | --from | --count) return ;;
+            --add-free | --planes | --trees | --pkeys | --count | --start | --reservation | --min-age) return ;;
     esac
 
     local options='--json'
@@ -54,8 +59,10 @@ _reservationctl() {
         list) options+=' --keys --no-nodes' ;;
         apply) options='--yes --dry-run' ;;
         job | pkeys) options='' ;;
-        'job begin') options+=' --guids --nodes --planes --trees' ;;
+        'job begin') options+=' --guids --nodes --planes --trees --start --reservation' ;;
         'job list') options+=' --no-nodes' ;;
+        'job end') options+=' --start' ;;
+        'job reconcile') options='--from --min-age --all --dry-run' ;;
         'pkeys report') options+=' --pkeys' ;;
         watch) options+=' --from --count' ;;
     esac
@@ -66,7 +73,7 @@ _reservationctl() {
 
     case $command in
         '') COMPREPLY=($(compgen -W 'create update delete list show apply job who nodes pkeys watch status' -- "$cur")) ;;
-        job) COMPREPLY=($(compgen -W 'begin end list' -- "$cur")) ;;
+        job) COMPREPLY=($(compgen -W 'begin end list reconcile' -- "$cur")) ;;
         pkeys) COMPREPLY=($(compgen -W 'report' -- "$cur")) ;;
         apply) _filedir ;;
         create | update | delete | show | 'job list')

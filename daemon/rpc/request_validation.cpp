@@ -42,6 +42,11 @@ absl::Status ValidatePageNumber(const std::string& page_token) {
         absl::StrCat("page_token '", util::TruncateForMessage(page_token), "' comes from no reply"));
 }
 
+absl::Status ValidateStart(int64_t start_unix_millis) {
+    if (start_unix_millis >= 0) return absl::OkStatus();
+    return absl::InvalidArgumentError(absl::StrCat("start_unix_millis is ", start_unix_millis, ", before 1970"));
+}
+
 // A larger number of trees would be read as the largest one, "no limit".
 absl::Status ValidateLimits(const v1::Limits& limits) {
     if (!limits.has_num_trees() || limits.num_trees() == util::kLimitNotGiven) return absl::OkStatus();
@@ -106,11 +111,13 @@ absl::Status ValidateRequest(const v1::GetReservationsRequest& request) { return
 absl::Status ValidateRequest(const v1::BeginJobRequest& request) {
     return FirstError(ValidateNumber("job_id", request.job_id(), 1, kMaxUint64),
                       ValidateNumber("planes", request.planes(), 0, util::kMaxPlanes),
-                      ValidateNumber("trees", request.trees(), 1, util::kMaxTrees));
+                      ValidateNumber("trees", request.trees(), 1, util::kMaxTrees),
+                      ValidateStart(request.start_unix_millis()), ValidateKeyField(request.reservation_key()));
 }
 
 absl::Status ValidateRequest(const v1::EndJobRequest& request) {
-    return ValidateNumber("job_id", request.job_id(), 1, kMaxUint64);
+    return FirstError(ValidateNumber("job_id", request.job_id(), 1, kMaxUint64),
+                      ValidateStart(request.start_unix_millis()));
 }
 
 absl::Status ValidateRequest(const v1::ListJobsRequest& request) {

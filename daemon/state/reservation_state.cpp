@@ -202,9 +202,15 @@ void ReservationState::BeginJob(const v1::BeginJobRequest& request, v1::BeginJob
     description.set_planes(std::max(request.planes(), 1U));
     description.set_trees(request.trees());
     description.set_begun_unix_millis(NowInUnixMillis());
+    description.set_start_unix_millis(request.start_unix_millis());
+    description.set_reservation_key(request.reservation_key());
 
     const Job* const running = jobs_.Find(request.job_id());
-    if (running != nullptr) return ReplyToRepeatedBegin(running->description, description, reply);
+    if (running != nullptr && running->description.start_unix_millis() < request.start_unix_millis()) {
+        RemoveJob(request.job_id());
+    } else if (running != nullptr) {
+        return ReplyToRepeatedBegin(running->description, description, reply);
+    }
     if (!context_.options->reservation_mode) {
         reply->set_result(v1::BeginJobReply::RESULT_MODE_DISABLED);
         reply->set_reason("Reservation mode not enabled");
@@ -216,13 +222,19 @@ void ReservationState::BeginJob(const v1::BeginJobRequest& request, v1::BeginJob
 // A client that did not get the answer asks again: the job that runs already is admitted as it was.
 void ReservationState::ReplyToRepeatedBegin(const v1::Job& running, const v1::Job& wanted,
                                             v1::BeginJobReply* reply) const {
+    const auto refuse = [&](const char* how) {
+        reply->set_result(v1::BeginJobReply::RESULT_ALREADY_RUNNING);
+        reply->set_reason(absl::StrCat("Job ", running.job_id(), " ", how));
+    };
     const bool is_same =
         std::equal(running.guids().begin(), running.guids().end(), wanted.guids().begin(), wanted.guids().end()) &&
         running.planes() == wanted.planes() && running.trees() == wanted.trees();
-    if (!is_same) {
-        reply->set_result(v1::BeginJobReply::RESULT_ALREADY_RUNNING);
-        reply->set_reason("Job " + std::to_string(running.job_id()) + " is running with other HCAs, planes or trees");
-        return;
+    if (!is_same) return refuse("is running with other HCAs, planes or trees");
+    if (wanted.start_unix_millis() != 0 && wanted.start_unix_millis() != running.start_unix_millis()) {
+        return refuse("is running, and began later");
+    }
+    if (!wanted.reservation_key().empty() && wanted.reservation_key() != running.reservation_key()) {
+        return refuse("is running in another reservation");
     }
     reply->set_reservation_key(running.reservation_key());
     reply->set_reservation_id(running.reservation_id());
@@ -238,7 +250,13 @@ v1::BeginJobReply::Result ReservationState::Admit(std::unique_ptr<Job> job, v1::
         return v1::BeginJobReply::RESULT_NO_RESERVATION;
     }
     v1::Job& description = job->description;
-    description.set_reservation_key(reservation->info.reservation_key);
+    const std::string key = reservation->info.reservation_key;
+    if (!description.reservation_key().empty() && description.reservation_key() != key) {
+        reply->set_reason(
+            absl::StrCat("The job's HCAs are in reservation ", key, ", not in ", description.reservation_key()));
+        return v1::BeginJobReply::RESULT_NO_RESERVATION;
+    }
+    description.set_reservation_key(key);
     description.set_reservation_id(reservation->reservation_id);
     vesk_job->ext_job_id = {description.job_id(), description.reservation_id(), description.reservation_key()};
 
@@ -256,10 +274,19 @@ v1::BeginJobReply::Result ReservationState::Admit(std::unique_ptr<Job> job, v1::
 }
 
 void ReservationState::EndJob(const v1::EndJobRequest& request, v1::EndJobReply* reply) {
-    const ManagerScope scope(context_);
-    const std::unique_ptr<Job> job = ExtractJob(request.job_id());
-    if (job == nullptr) return;
+    const Job* const running = jobs_.Find(request.job_id());
+    if (running == nullptr) return;
+    const int64_t start_unix_millis = running->description.start_unix_millis();
+    if (request.start_unix_millis() != 0 && request.start_unix_millis() < start_unix_millis) return;
     reply->set_was_running(true);
+    reply->set_reservation_key(running->description.reservation_key());
+    RemoveJob(request.job_id());
+}
+
+// Takes a running job out of the counts.
+void ReservationState::RemoveJob(uint64_t job_id) {
+    const ManagerScope scope(context_);
+    const std::unique_ptr<Job> job = ExtractJob(job_id);
     if (!job->vesk_job.reservation_accounted) return;
     manager_->RemoveJob(manager_->GetReservationInfoByKey(job->description.reservation_key()), &job->vesk_job);
 }
@@ -440,6 +467,7 @@ void ReservationState::AddJobEvent(v1::Event::Kind kind, const VeskJob& job) {
     event.set_kind(kind);
     event.set_reservation_key(job.ext_job_id.reservation_key);
     event.set_job_id(job.ext_job_id.job_id);
+    event.set_start_unix_millis(jobs_.Find(event.job_id())->description.start_unix_millis());
     event.set_reason(context_.reason);
 }
 

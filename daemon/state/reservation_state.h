@@ -128,6 +128,7 @@ private:
     void Describe(const vesk_reservation_info& entry, v1::Reservation* reservation) const;
     void ReplyToRepeatedBegin(const v1::Job& running, const v1::Job& wanted, v1::BeginJobReply* reply) const;
     v1::BeginJobReply::Result Admit(std::unique_ptr<Job> job, v1::BeginJobReply* reply);
+    void RemoveJob(uint64_t job_id);
     std::unique_ptr<Job> ExtractJob(uint64_t job_id);
     void TakeUpJobsOf(ReservationInfo* reservation);
     void CountJobsOf(ReservationInfo* reservation);

@@ -226,11 +226,36 @@ $ create B --pkey 7 --guids 0x100,0x102,0x104,0x106,0x108,0x10a,0x10c,0x10e,0x11
 would be in force:
 KEY  PKEY  HCAS           TREES  JOBS  GUIDS
 B     0x7    11  0 of unlimited     0  0x100,0x102,0x104,0x106,0x108,0x10a,0x10c,0x10e,0x110,0x112,... (1 more)
+$ job begin 6 --guids 0x11 --start 1000000000
+job 6 admitted to reservation größe, id 9134505343215937736
+$ job begin 7 --guids 0x10 --reservation größe
+job 7 admitted to reservation größe, id 9134505343215937736
+$ job begin 8 --guids 0x10 --start 4000000000
+job 8 admitted to reservation größe, id 9134505343215937736
+$ job begin 9 --guids 0x10 --start 1000000000
+job 9 admitted to reservation größe, id 9134505343215937736
+$ job list größe
+JOB  RESERVATION  STARTED               PLANES  TREES  COUNTED  HCAS  GUIDS
+  6  größe        TIME       1      1  yes         1  0x11
+  7  größe        -                          1      1  yes         1  0x10
+  8  größe        TIME       1      1  yes         1  0x10
+  9  größe        TIME       1      1  yes         1  0x10
+$ job reconcile --from - <<< 6 999999999
+ended job 9 of größe, started TIME
+left 2 jobs alone: unknown to the scheduler, but just begun or without a start time
+$ job reconcile --from - --all --min-age 0 --dry-run <<< 6 1000000001
+would end job 6 of größe, started TIME
+would end job 7 of größe, started -
+left 1 job alone: unknown to the scheduler, but just begun or without a start time
+$ job end 8 --start 3999999999
+job 8 was not running
+$ job end 8
+job 8 ended
+$ job reconcile --from - --all <<< 
+ended job 6 of größe, started TIME
+ended job 7 of größe, started -
 $ job begin 7 --guids 0x10,0x11 --trees 2 --planes 3
 job 7 admitted to reservation größe, id 9134505343215937736
-$ job list größe
-JOB  RESERVATION  PLANES  TREES  COUNTED  HCAS  GUIDS
-  7  größe             3      2  yes         2  0x10-0x11
 $ show größe
 key              größe
 id               9134505343215937736
@@ -332,8 +357,8 @@ refused: RESULT_NO_RESERVATION: no reservation holds all of the job's HCAs
   what helps: see 'list' for who holds them, and create a reservation or add them to one
 exit 6
 $ job list
-JOB  RESERVATION  PLANES  TREES  COUNTED  HCAS  NODES
-  7  A                 1      1  yes         4  node[01-02]
+JOB  RESERVATION  STARTED  PLANES  TREES  COUNTED  HCAS  NODES
+  7  A            -             1      1  yes         4  node[01-02]
 $ list --no-nodes
 KEY  PKEY  HCAS           TREES  JOBS  GUIDS
 A     0x1     7  1 of unlimited     1  0x11-0x14,0x21-0x23
@@ -383,7 +408,7 @@ job begin 7 --guids 1 --json => {|*"RESULT_ADMITTED"*"reservationKey": "A"*}|
 job begin 7 --guids 9 --json => {|*"RESULT_ALREADY_RUNNING"*}|refused: RESULT_ALREADY_RUNNING: *|exit 1|
 list --json => {| "status": "STATUS_SUCCESS",|*}|
 job list --json => {| "jobs": *"jobId": "7"*}|
-job end 7 --json => {| "wasRunning": true|}|
+job end 7 --json => {| "wasRunning": true,|*"A"|}|
 show A --json => {|*"guids": ?|*"1"|*}|
 show B --json => {|*"STATUS_NOT_FOUND"*}|refused: STATUS_NOT_FOUND: *|exit 6|
 status --json => {*"reservationMode": true,*}|

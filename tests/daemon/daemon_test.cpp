@@ -159,7 +159,7 @@ TEST_F(DaemonTest, WhatWasAnsweredSurvivesTheProcessAndDamagedFiles) {
         daemon.Create("key: 'A' guids: [3, 1, 2]");
         daemon.Create("key: 'B' guids: [8, 9]");
         daemon.Call(true, &ReservationState::UpdateReservation, "key: 'A' add_guids: 4");
-        daemon.Begin("job_id: 7 guids: [1, 4] trees: 2");
+        daemon.Begin("job_id: 7 guids: [1, 4] trees: 2 start_unix_millis: 5");
         EXPECT_THROW(Engine second(settings), std::runtime_error);
     });
     const auto created = [](Daemon& daemon) {
@@ -181,7 +181,7 @@ TEST_F(DaemonTest, WhatWasAnsweredSurvivesTheProcessAndDamagedFiles) {
     EXPECT_FALSE(fs::exists(PathOf("reservationd.sqlite-shm")) || fs::exists(PathOf("mirror.sqlite-shm")));
     EXPECT_EQ(created(*daemon), created_before);
     // The job that runs is admitted again without being counted again.
-    EXPECT_EQ(daemon->Begin("job_id: 7 guids: [4, 1] trees: 2").reservation_key(), "A");
+    EXPECT_EQ(daemon->Begin("job_id: 7 guids: [4, 1] trees: 2 start_unix_millis: 5").reservation_key(), "A");
     EXPECT_EQ(daemon->Begin("job_id: 7 guids: [1] trees: 2").result(), v1::BeginJobReply::RESULT_ALREADY_RUNNING);
     EXPECT_EQ(daemon->Create("key: 'C' guids: [9, 10]").conflict().reservation_key(), "B");
     daemon->Create("key: 'C' guids: [10]");

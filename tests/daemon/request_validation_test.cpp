@@ -45,6 +45,7 @@ TEST(RequestValidationTest, LargestValuesAreTakenAndTheFirstFaultIsNamed) {
     EXPECT_EQ(Fault<v1::BeginJobRequest>("job_id: 1 planes: 256 trees: 1"), "planes is 256, at most 255 is possible");
     EXPECT_EQ(Fault<v1::BeginJobRequest>("job_id: 1 trees: 256"), "trees is 256, at most 255 is possible");
     EXPECT_EQ(Fault<v1::BeginJobRequest>("job_id: 1"), "trees is 0, at least 1 is possible");
+    EXPECT_EQ(Fault<v1::EndJobRequest>("job_id: 1 start_unix_millis: -1"), "start_unix_millis is -1, before 1970");
     EXPECT_EQ(Fault<v1::EndJobRequest>(""), "job_id is 0, at least 1 is possible");
     EXPECT_EQ(Fault<v1::ReportPortRequest>(""), "guid is 0, at least 1 is possible");
     EXPECT_EQ(Fault<v1::ReportPortRequest>("guid: 1 port_num: 256"), "port_num is 256, at most 255 is possible");

@@ -128,6 +128,37 @@ TEST_F(StateTest, ATransactionIsCarriedOutAsForetoldOrNotAtAll) {
     EXPECT_NE(Run("operations { delete_reservation { key: 'A' } }").find("guids: 2 guids: 4"), std::string::npos);
 }
 
+// Schedulers use ids again. The time tells the job that runs from what is heard late of an earlier one.
+TEST_F(StateTest, OfTheJobsWithOneIdTheLatestRuns) {
+    Run("operations { create_reservation { key: 'A' guids: [1, 2] } } operations { create_reservation { key: 'B' "
+        "guids: "
+        "3 } }");
+    std::string outcome;
+    for (const std::string fields :
+         {"guids: 1 trees: 9", "guids: 2 trees: 1 start_unix_millis: 5", "guids: 2 trees: 1 start_unix_millis: 4",
+          "guids: 2 trees: 1 start_unix_millis: 5 reservation_key: 'B'", "end 4",
+          "guids: 3 trees: 1 start_unix_millis: 6 reservation_key: 'A'", "guids: 2 trees: 1 reservation_key: 'A'",
+          "guids: 3 trees: 1 start_unix_millis: 9", "end 8", "guids: 3 trees: 1", "end 99"}) {
+        v1::BeginJobReply begun;
+        v1::EndJobReply ended;
+        if (fields.starts_with("end ")) {
+            state.EndJob(Parse<v1::EndJobRequest>("job_id: 7 start_unix_millis: " + fields.substr(4)), &ended);
+        } else {
+            state.BeginJob(Parse<v1::BeginJobRequest>("job_id: 7 " + fields), &begun);
+            begun.clear_reservation_id();
+        }
+        outcome += begun.ShortDebugString() + ended.ShortDebugString();
+        for (const auto& [id, job] : state.TakeChanges().jobs) outcome += job ? " put" : " gone";
+        outcome += "; ";
+    }
+    EXPECT_EQ(outcome,
+              "reservation_key: \"A\" put; reservation_key: \"A\" put; result: RESULT_ALREADY_RUNNING reason: \"Job 7 "
+              "is running, and began later\"; result: RESULT_ALREADY_RUNNING reason: \"Job 7 is running in another "
+              "reservation\"; ; result: RESULT_NO_RESERVATION reason: \"The job\\'s HCAs are in reservation B, not in "
+              "A\" gone; reservation_key: \"A\" put; reservation_key: \"B\" put; ; reservation_key: \"B\"; "
+              "was_running: true reservation_key: \"B\" gone; ");
+}
+
 TEST_F(StateTest, APageHoldsAsManyEntriesAsAClientTakes) {
     std::string large = "operations { create_reservation { key: 'C' ";
     for (uint64_t guid = 1000; guid < 131'000; ++guid) large += "guids: " + std::to_string(guid) + " ";

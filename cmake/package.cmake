@@ -1,4 +1,4 @@
-# A Debian package of everything that is installed; see scripts/package.sh, which configures for /usr and /etc.
+# Debian packages of everything that is installed: one, and one more for the component slurm; see scripts/package.sh, which configures for /usr and /etc.
 
 set(CPACK_PACKAGE_NAME reservation-manager)
 set(CPACK_PACKAGE_VENDOR "the reservation manager's maintainers")
@@ -18,4 +18,14 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
   ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
   ${PROJECT_SOURCE_DIR}/packaging/debian/prerm
   ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_NAME reservation-manager)
+set(CPACK_DEBIAN_SLURM_PACKAGE_NAME reservation-manager-slurm)
+set(CPACK_DEBIAN_SLURM_PACKAGE_DEPENDS slurm-client)
+set(CPACK_DEBIAN_SLURM_PACKAGE_RECOMMENDS slurmctld)
+set(CPACK_COMPONENT_SLURM_DESCRIPTION "keeps Slurm's jobs in the reservations of reservationd")
+set(slurm_control ${PROJECT_SOURCE_DIR}/integrations/slurm/packaging/debian)
+set(CPACK_DEBIAN_SLURM_PACKAGE_CONTROL_EXTRA
+  ${slurm_control}/conffiles ${slurm_control}/postinst ${slurm_control}/prerm ${slurm_control}/postrm)
 include(CPack)

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the Debian package and says where it is.
+# Builds the Debian packages and says where they are.
 
 source "$(dirname "$0")/prepare.sh"
 install_packages "${PACKAGES[@]}" dpkg-dev file

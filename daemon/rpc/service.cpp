@@ -45,6 +45,7 @@ public:
         is_large_ = status.ok() && reply.ByteSizeLong() >= kLargeReply;
         if (is_large_) return packer_.Submit([this] { AnswerLarge(); });
         if (status.ok()) PackReply();
+        nodes.reset();    // which may be the last to hold an old table
         Finish(ToGrpc(status));
     }
 
@@ -53,7 +54,7 @@ public:
         delete this;
     }
 
-    const std::shared_ptr<const NodeTable> nodes;
+    std::shared_ptr<const NodeTable> nodes;    // until it is answered
     Request request;
     Reply reply;
     absl::Status outcome;
@@ -66,6 +67,7 @@ private:
 
     void AnswerLarge() {
         PackReply();
+        nodes.reset();
         unread_.Add(context_, reply_bytes_->Length());
         Reply().Swap(&reply);    // as it may take long to be sent
         Finish(grpc::Status::OK);

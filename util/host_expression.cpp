@@ -71,7 +71,7 @@ private:
         Texts items = {""};
         for (bool has_bracket = false;;) {
             if (Peek() == '[') {
-                const absl::StatusOr<Texts> choices = ParseBracket(depth);
+                absl::StatusOr<Texts> choices = ParseBracket(depth);
                 if (!choices.ok()) return choices;
                 if (items.size() * choices->size() > kMaxHosts) return TooManyHosts(begin);
                 items = AppendEach(std::move(items), *choices);

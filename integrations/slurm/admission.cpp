@@ -68,7 +68,7 @@ absl::StatusOr<std::string> Admission::Begin(const SlurmJob& job, const JobPolic
         return absl::FailedPreconditionError("the job has no account");
     }
     if (!policy.pkey) return absl::FailedPreconditionError("no pkey is configured for this job");
-    const absl::StatusOr<std::string> key = BeginInOwn(request, policy, deadline);
+    absl::StatusOr<std::string> key = BeginInOwn(request, policy, deadline);
     // An earlier run may have left HCAs, if its end was not told.
     if (key.ok() && job.is_restarted) Shrink(*key, deadline).IgnoreError();
     return key;
